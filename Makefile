@@ -1,0 +1,37 @@
+# The two set-up commands: `make run` (the main job) and `make test` (install, build, test).
+BUILD ?= build
+TSAN_BUILD ?= build-tsan
+JOBS ?= $(shell nproc)
+
+.PHONY: all deps build run test test-unit test-tsan bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+$(BUILD)/build.ninja: | deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+
+build: deps $(BUILD)/build.ninja
+	@cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	@scripts/demo $(BUILD)
+
+test: test-unit test-tsan
+
+test-unit: build
+	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# The concurrency tests again, under ThreadSanitizer, in a build of their own.
+test-tsan: deps
+	@cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_TSAN=ON >/dev/null
+	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target tarn_concurrency_tests
+	@ctest --test-dir $(TSAN_BUILD) --output-on-failure -L concurrency
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do "$$b"; done
+
+clean:
+	rm -rf $(BUILD) $(TSAN_BUILD)
