@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <utility>
+#include <vector>
 
 namespace tarn {
 
@@ -90,7 +91,8 @@ const GenreBandVector& targetGainCurve(GenrePreset genre) { return row(genre).ta
 const GenreBandVector& signatureLeanDb(GenrePreset genre) { return row(genre).lean; }
 
 GenrePreset fromAppleMusicGenre(std::string_view name) {
-    static const std::pair<std::initializer_list<std::string_view>, GenrePreset> table[] = {
+    // A vector, not an initializer_list: a list's backing array would not outlive the pair built from it.
+    static const std::pair<std::vector<std::string_view>, GenrePreset> table[] = {
         {{"phonk", "trap", "drill"}, GenrePreset::trap},
         {{"rap", "hip-hop", "hip hop"}, GenrePreset::hipHop},
         {{"electronic", "dance", "edm", "house", "techno"}, GenrePreset::edm},
