@@ -1,0 +1,506 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "core/recommendation/RecommendationRuleEngine.hpp"
+
+namespace tarn {
+namespace {
+
+using Engine = RecommendationRuleEngine;
+using Reasons = std::vector<std::string>;
+
+// A confident song, a neutral headphone, no taste and no bias: nothing fires anywhere.
+RecommendationInput quietInput() {
+    RecommendationInput in;
+    in.prominenceDb.assign(10, 0.0);
+    in.prominenceConfident = true;
+    in.userBiasDb.assign(10, 0.0);
+    in.genre = GenrePreset::flat;
+    return in;
+}
+
+RecommendationInput withBand(int band, double p, double d) {
+    auto in = quietInput();
+    in.prominenceDb[band] = p;
+    in.headphone.deviationDb[band] = d;
+    return in;
+}
+
+BandRecommendation songBand(const RecommendationInput& in, int band) {
+    return Engine::recommend(in, RecommendationScope::song).at(band);
+}
+
+TEST(RecommendationRuleEngine, BandNames) {
+    EXPECT_EQ(Engine::bandName(0), "sub-bass (31 Hz)");
+    EXPECT_EQ(Engine::bandName(3), "low mids (250 Hz)");
+    EXPECT_EQ(Engine::bandName(9), "air (16 kHz)");
+    EXPECT_EQ(Engine::bandName(10), "band 10");
+    EXPECT_EQ(Engine::bandName(-1), "band -1");
+}
+
+TEST(RecommendationRuleEngine, NothingFiresOnANeutralSetup) {
+    const auto recs = Engine::recommend(quietInput(), RecommendationScope::song);
+    ASSERT_EQ(recs.size(), 10u);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(recs[i].bandIndex, i);
+        EXPECT_EQ(recs[i].gainDb, 0.0);
+        EXPECT_EQ(recs[i].rationale, Reasons{"neutral — no rule fired"});
+    }
+}
+
+TEST(RecommendationRuleEngine, ShortListsArePaddedWithZeros) {
+    RecommendationInput in;
+    in.prominenceConfident = true;
+    in.prominenceDb = {4.0}; // only 31 Hz known
+    const auto recs = Engine::recommend(in, RecommendationScope::song);
+    ASSERT_EQ(recs.size(), 10u);
+    EXPECT_EQ(recs[0].gainDb, 2.0); // S2
+    EXPECT_EQ(recs[5].rationale, Reasons{"neutral — no rule fired"});
+}
+
+TEST(RecommendationRuleEngine, S0DampensOverDeliveredBands) {
+    auto at12 = songBand(withBand(4, 9.0, 3.0), 4);
+    EXPECT_EQ(at12.gainDb, -1.0);
+    EXPECT_EQ(at12.rationale, Reasons{"S0: mids (500 Hz) is over-delivered on this setup (song 9.0, headphone 3.0 = "
+                                      "+12.0 combined) → dampened"});
+    EXPECT_EQ(songBand(withBand(4, 14.0, 3.0), 4).gainDb, -4.0);  // exactly the floor
+    EXPECT_EQ(songBand(withBand(4, 20.0, 3.0), 4).gainDb, -4.0);  // never below it
+    EXPECT_EQ(songBand(withBand(4, 11.0, 3.0), 4).gainDb, -3.0);  // −2.5 rounds away from zero
+    // A negative headphone figure is printed with its own sign.
+    EXPECT_EQ(songBand(withBand(4, 15.0, -1.0), 4).rationale.front(),
+              "S0: mids (500 Hz) is over-delivered on this setup (song 15.0, headphone -1.0 = +14.0 combined) → "
+              "dampened");
+}
+
+TEST(RecommendationRuleEngine, S1BoostsProminentBandsTheHeadphoneMisses) {
+    // Neighbours on the same S1 boost keep the smoothing guard out of the way.
+    auto in = quietInput();
+    for (int band : {3, 4, 5}) {
+        in.prominenceDb[band] = 4.0;
+        in.headphone.deviationDb[band] = -2.5;
+    }
+    auto r = songBand(in, 4);
+    EXPECT_EQ(r.gainDb, 7.0);
+    EXPECT_EQ(r.rationale, Reasons{"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it "
+                                   "(-2.5 dB) → strong boost"});
+    // 4 + 1.2 × 6 = 11.2 is held at 10 before any guard.
+    in.prominenceDb[4] = 3.0;
+    in.headphone.deviationDb[4] = -6.0;
+    EXPECT_EQ(songBand(in, 4).gainDb, 10.0);
+
+    // p + d = 10: headroom 2/3 tempers 7 to 4.67, and G8 then leaves only 12 − 10 = 2 dB of room.
+    auto hot = songBand(withBand(4, 12.5, -2.5), 4);
+    EXPECT_EQ(hot.gainDb, 2.0);
+    EXPECT_EQ(hot.rationale,
+              (Reasons{"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it (-2.5 dB) → "
+                       "strong boost (tempered — the track is already hot here)",
+                       "G8: mids (500 Hz) already runs +10.0 dB hot — boost limited to +2.0"}));
+}
+
+TEST(RecommendationRuleEngine, S2LightBoostAndItsTempering) {
+    auto light = songBand(withBand(4, 4.0, 0.0), 4);
+    EXPECT_EQ(light.gainDb, 2.0);
+    EXPECT_EQ(light.rationale, Reasons{"S2: mids (500 Hz) is prominent in this song → light boost"});
+    EXPECT_EQ(songBand(withBand(4, 6.0, 2.0), 4).gainDb, 3.0);
+    // p = 10: headroom 2/3 of 3 dB is exactly the 2 dB of room G8 allows, so G8 stays silent.
+    auto tempered = songBand(withBand(4, 10.0, 0.0), 4);
+    EXPECT_EQ(tempered.gainDb, 2.0);
+    EXPECT_EQ(tempered.rationale, Reasons{"S2: mids (500 Hz) is prominent in this song → light boost (tempered)"});
+}
+
+TEST(RecommendationRuleEngine, S3AlwaysCutsOneDbWhenTheHeadphoneIsAlreadyHot) {
+    for (double d : {2.5, 3.0, 5.0}) {
+        auto r = songBand(withBand(4, 5.0, d), 4);
+        EXPECT_EQ(r.gainDb, -1.0) << d;
+    }
+    EXPECT_EQ(songBand(withBand(4, 5.0, 3.0), 4).rationale,
+              Reasons{"S3: mids (500 Hz) is prominent but your headphone already over-delivers it (+3.0 dB) → slight "
+                      "cut"});
+}
+
+TEST(RecommendationRuleEngine, S5AndS6CutRecessedBands) {
+    auto absent = songBand(withBand(7, -8.0, 0.0), 7);
+    EXPECT_EQ(absent.gainDb, -4.0);
+    EXPECT_EQ(absent.rationale, Reasons{"S6: definition (4 kHz) is nearly absent in this song → cut"});
+    auto softened = songBand(withBand(7, -7.0, -3.0), 7);
+    EXPECT_EQ(softened.gainDb, -2.0);
+    EXPECT_EQ(softened.rationale,
+              Reasons{"S6: definition (4 kHz) is nearly absent in this song → cut (softened — headphone is weak here too)"});
+    auto recessed = songBand(withBand(7, -3.0, 0.0), 7);
+    EXPECT_EQ(recessed.gainDb, -3.0);
+    EXPECT_EQ(recessed.rationale, Reasons{"S5: definition (4 kHz) is not prominent in this song → −3"});
+    EXPECT_EQ(songBand(withBand(7, -6.9, -4.0), 7).gainDb, -3.0); // S5 ignores the headphone
+}
+
+TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHeadphoneCompensation) {
+    auto in = quietInput();
+    in.genre = GenrePreset::rock; // 4 kHz target +4
+    auto r = songBand(in, 7);
+    EXPECT_EQ(r.gainDb, 2.0);
+    EXPECT_EQ(r.rationale, Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve"});
+
+    in.userBiasDb[7] = 1.0;
+    r = songBand(in, 7);
+    EXPECT_EQ(r.gainDb, 3.0);
+    EXPECT_EQ(r.rationale, (Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve",
+                                    "P1: your usual preference at definition (4 kHz) (+1.0)"}));
+
+    in.userBiasDb[7] = 0.4; // below the preference threshold: ignored
+    EXPECT_EQ(songBand(in, 7).gainDb, 2.0);
+
+    // H1: min(0.8 × 6, 4) + 0.5 × 4 − 1.0 = 5.
+    in.userBiasDb[7] = -1.0;
+    in.headphone.deviationDb[7] = -6.0;
+    r = songBand(in, 7);
+    EXPECT_EQ(r.gainDb, 5.0);
+    EXPECT_EQ(r.rationale, (Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve",
+                                    "P1: your usual preference at definition (4 kHz) (-1.0)",
+                                    "H1: headphone under-delivers definition (4 kHz) (-6.0 dB) → compensate"}));
+
+    // H2: 2 − min(0.6 × 10, 3) = −1; no taste at 500 Hz for rock, so only H2 speaks.
+    in = quietInput();
+    in.genre = GenrePreset::rock;
+    in.headphone.deviationDb[7] = 10.0;
+    in.prominenceDb[7] = -2.0; // keeps p + d below the S0 threshold
+    r = songBand(in, 7);
+    EXPECT_EQ(r.gainDb, -1.0);
+    EXPECT_EQ(r.rationale.back(), "H2: headphone over-delivers definition (4 kHz) (+10.0 dB) → ease off");
+    in.headphone.deviationDb[4] = -2.5;
+    r = songBand(in, 4);
+    EXPECT_EQ(r.gainDb, 2.0);
+    EXPECT_EQ(r.rationale, Reasons{"H1: headphone under-delivers mids (500 Hz) (-2.5 dB) → compensate"});
+}
+
+TEST(RecommendationRuleEngine, TasteLayerFollowsTheCurveAndCompensatesMoreFirmly) {
+    auto in = quietInput();
+    in.genre = GenrePreset::rock;
+    in.userBiasDb[7] = 1.0;
+    auto r = Engine::recommend(in, RecommendationScope::taste)[7];
+    EXPECT_EQ(r.gainDb, 5.0);
+    EXPECT_EQ(r.rationale, (Reasons{"P1: your usual preference at definition (4 kHz) (+1.0)",
+                                    "T1: your listening leans Rock curve at definition (4 kHz)"}));
+
+    // H1 up to 6 dB (the song layer stops at 4).
+    in = quietInput();
+    in.headphone.deviationDb[4] = -8.0;
+    r = Engine::recommend(in, RecommendationScope::taste)[4];
+    EXPECT_EQ(r.gainDb, 6.0);
+    EXPECT_EQ(r.rationale, Reasons{"H1: headphone under-delivers mids (500 Hz) (-8.0 dB) → compensate"});
+    EXPECT_EQ(songBand(in, 4).gainDb, 4.0);
+
+    // H2 eases off up to 4 dB (the song layer stops at 3).
+    in.headphone.deviationDb[4] = 6.0;
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4].gainDb, -4.0); // 0 − min(4.8, 4)
+    EXPECT_EQ(songBand(in, 4).gainDb, -3.0);                                       // 0 − min(3.6, 3)
+    in.headphone.deviationDb[4] = 3.0;
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4].gainDb, -2.0); // 2.4 rounds to 2
+
+    // Taste scope ignores the song entirely, confident or not.
+    in = withBand(4, -9.0, 0.0);
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4].rationale, Reasons{"neutral — no rule fired"});
+}
+
+TEST(RecommendationRuleEngine, LearnedCurveIsTheTasteAndItsProvenanceNamesIt) {
+    auto in = quietInput();
+    in.genre = GenrePreset::rock;
+    in.learnedWarmupCurveDb = std::vector<double>{0, 0, 0, 0, 0, 3.0}; // padded
+    in.learnedWarmupProvenance = "this song's memory";
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    EXPECT_EQ(recs[5].gainDb, 3.0);
+    EXPECT_EQ(recs[5].rationale, Reasons{"T1: your listening leans this song's memory curve at upper mids (1 kHz)"});
+    EXPECT_EQ(recs[7].gainDb, 0.0); // the rock curve is not used at all
+}
+
+TEST(RecommendationRuleEngine, GenreDisplayNameAndTargetCurveOverrideThePreset) {
+    auto in = quietInput();
+    in.genre = GenrePreset::rock;
+    in.genreDisplayName = "Garage Rock";
+    in.genreTargetCurveDb = std::vector<double>{0, 0, 0, 0, 0, 0, 0, -2.0};
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    EXPECT_EQ(recs[7].gainDb, -2.0);
+    EXPECT_EQ(recs[7].rationale, Reasons{"T1: your listening leans Garage Rock curve at definition (4 kHz)"});
+    EXPECT_EQ(recs[6].gainDb, 0.0);
+}
+
+TEST(RecommendationRuleEngine, SongScopeWarmsUpOnTheTasteLayer) {
+    auto in = quietInput();
+    in.prominenceConfident = false;
+    in.genre = GenrePreset::rock;
+    in.prominenceDb[7] = 9.0; // ignored while not confident
+    const auto recs = Engine::recommend(in, RecommendationScope::song);
+    EXPECT_EQ(recs[7].gainDb, 4.0);
+    EXPECT_EQ(recs[7].rationale, (Reasons{"song analysis warming up",
+                                          "T1: your listening leans Rock curve at definition (4 kHz)"}));
+    EXPECT_EQ(recs[4].rationale, Reasons{"song analysis warming up"});
+}
+
+TEST(RecommendationRuleEngine, GenreLeanAddsTheSignatureMinusWhatTheCurveAlreadyLifts) {
+    auto in = quietInput();
+    in.genre = GenrePreset::hipHop; // lean 3 3 2 0 0 1 1 0 0 0, curve 6 5 3 0 −1 1 1 1 2 2
+    in.genreLeanWeight = 1.0;
+    auto recs = Engine::recommend(in, RecommendationScope::song);
+    // 31 Hz: 3 − 0.5 × 6 = 0 → no lean, only S4's half curve.
+    EXPECT_EQ(recs[0].gainDb, 3.0);
+    EXPECT_EQ(recs[0].rationale.size(), 1u);
+    // 62 Hz: 3 − 2.5 = 0.5 → lean; 2.5 + 0.5 = 3.
+    EXPECT_EQ(recs[1].gainDb, 3.0);
+    ASSERT_EQ(recs[1].rationale.size(), 2u);
+    EXPECT_EQ(recs[1].rationale[1], "GN1: Hip-Hop leans on bass (62 Hz) → +0.5 dB genre lean");
+    // 500 Hz has no signature: nothing added.
+    EXPECT_EQ(recs[4].rationale.front().rfind("S4", 0), 0u);
+    EXPECT_EQ(recs[4].rationale.size(), 1u);
+
+    // A prominent band is not already lifted by the curve: the full lean applies.
+    in.prominenceDb[0] = 4.0;
+    recs = Engine::recommend(in, RecommendationScope::song);
+    EXPECT_EQ(recs[0].gainDb, 5.0); // S2 2 + lean 3
+    EXPECT_EQ(recs[0].rationale.back(), "GN1: Hip-Hop leans on sub-bass (31 Hz) → +3.0 dB genre lean");
+
+    // p + d ≥ 9 skips the band.
+    in.prominenceDb[0] = 6.0;
+    in.headphone.deviationDb[0] = 3.0;
+    recs = Engine::recommend(in, RecommendationScope::song);
+    for (const auto& reason : recs[0].rationale) EXPECT_NE(reason.rfind("GN1", 0), 0u) << reason;
+
+    // While warming up the prominence counts as 0 (so 6 dB of song prominence doesn't skip the band).
+    in = quietInput();
+    in.genre = GenrePreset::hipHop;
+    in.genreLeanWeight = 2.0;
+    in.prominenceConfident = false;
+    in.prominenceDb[5] = 12.0;
+    recs = Engine::recommend(in, RecommendationScope::song);
+    EXPECT_EQ(recs[5].rationale.back(), "GN1: Hip-Hop leans on upper mids (1 kHz) → +1.0 dB genre lean"); // 2 − 1
+}
+
+TEST(RecommendationRuleEngine, NoGenreLeanWithoutWeightSignatureOrInTasteScope) {
+    auto hasLean = [](const std::vector<BandRecommendation>& recs) {
+        for (const auto& r : recs)
+            for (const auto& reason : r.rationale)
+                if (reason.rfind("GN1", 0) == 0) return true;
+        return false;
+    };
+    auto in = quietInput();
+    in.prominenceDb.assign(10, 4.0);
+    in.genre = GenrePreset::trap;
+    in.genreLeanWeight = 1.0;
+    EXPECT_TRUE(hasLean(Engine::recommend(in, RecommendationScope::song)));
+    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::taste)));
+    in.genreLeanWeight = 0.0;
+    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::song)));
+    in.genreLeanWeight = 1.0;
+    in.genre = GenrePreset::classical; // all-zero signature
+    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::song)));
+}
+
+TEST(RecommendationRuleEngine, G5SmoothsSteepNeighbourSteps) {
+    auto in = withBand(0, 3.0, -5.0); // S1: 4 + 6 = 10 next to a neutral 0
+    const auto recs = Engine::recommend(in, RecommendationScope::song);
+    EXPECT_EQ(recs[0].gainDb, 8.0);
+    EXPECT_EQ(recs[1].gainDb, 2.0);
+    EXPECT_EQ(recs[0].rationale.back(), "G5: smoothed toward bass (62 Hz)");
+    EXPECT_EQ(recs[1].rationale, Reasons{"G5: smoothed toward sub-bass (31 Hz)"});
+    EXPECT_EQ(recs[2].gainDb, 0.0); // 2 → 0 is within 6 dB
+
+    // A step of exactly 6 dB is left alone.
+    in = quietInput();
+    in.learnedWarmupCurveDb = std::vector<double>{6.0};
+    const auto taste = Engine::recommend(in, RecommendationScope::taste);
+    EXPECT_EQ(taste[0].gainDb, 6.0);
+    EXPECT_EQ(taste[1].gainDb, 0.0);
+}
+
+TEST(RecommendationRuleEngine, G1G2CapLowMidsAndTreble) {
+    auto in = quietInput();
+    in.learnedWarmupCurveDb = std::vector<double>{0, 0, 0, 8.0, 3.0, 0, 0, 3.0, 9.0, 9.0};
+    in.learnedWarmupProvenance = "learnt";
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    EXPECT_EQ(recs[3].gainDb, 4.0);
+    EXPECT_EQ(recs[3].rationale.back(), "G1: capped at +4.0 — 250 Hz boosts turn muddy fast");
+    EXPECT_EQ(recs[8].gainDb, 6.0);
+    EXPECT_EQ(recs[8].rationale.back(), "G2: treble boost capped at +6.0");
+    EXPECT_EQ(recs[9].gainDb, 6.0);
+}
+
+TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
+    auto in = withBand(8, 4.0, 3.0); // S3 −1, then G2 to −3
+    auto r = songBand(in, 8);
+    EXPECT_EQ(r.gainDb, -3.0);
+    EXPECT_EQ(r.rationale,
+              (Reasons{"S3: brilliance (8 kHz) is prominent but your headphone already over-delivers it (+3.0 dB) → "
+                       "slight cut",
+                       "G2: song and headphone are both hot at brilliance (8 kHz) → cut to protect against harshness"}));
+    // S0 at p + d = 14 gives −2.5, still above −3: G2 cuts further.
+    r = songBand(withBand(9, 11.0, 3.0), 9);
+    EXPECT_EQ(r.gainDb, -3.0);
+    EXPECT_EQ(r.rationale.size(), 2u);
+    // Already at −4 (S0 with p + d = 17): G2 leaves it.
+    r = songBand(withBand(9, 14.0, 3.0), 9);
+    EXPECT_EQ(r.gainDb, -4.0);
+    EXPECT_EQ(r.rationale.size(), 1u);
+    // Not confident: the hot-treble cut does not apply.
+    in.prominenceConfident = false;
+    EXPECT_EQ(songBand(in, 8).gainDb, -2.0); // taste H2: 0 − min(2.4, 4), rounded
+}
+
+TEST(RecommendationRuleEngine, G3LiftsCutsOnPresentVocalBands) {
+    auto r = songBand(withBand(5, 4.0, 3.0), 5);
+    EXPECT_EQ(r.gainDb, 0.0);
+    EXPECT_EQ(r.rationale.back(), "G3: vocal band is present in this song — cut lifted to 0");
+    // Same rule outside the vocal bands: the cut stays.
+    EXPECT_EQ(songBand(withBand(4, 4.0, 3.0), 4).gainDb, -1.0);
+}
+
+TEST(RecommendationRuleEngine, G8LimitsBoostsToTheRoomLeft) {
+    // Confident: low bands have 9 dB of room. S1 at 125 Hz: p 8, d −2.5 → load 5.5, allowance 3.5.
+    auto r = songBand(withBand(2, 8.0, -2.5), 2);
+    EXPECT_EQ(r.gainDb, 4.0); // 3.5 rounded away from zero
+    EXPECT_EQ(r.rationale.back(), "G8: upper bass (125 Hz) already runs +5.5 dB hot — boost limited to +3.5");
+
+    // Not confident: the headphone's own positive deviation sets the room.
+    auto in = quietInput();
+    in.prominenceConfident = false;
+    in.learnedWarmupCurveDb = std::vector<double>{10.0};
+    in.headphone.deviationDb[0] = 4.0; // H2: 10 − 3.2 = 6.8 > 9 − 4
+    r = Engine::recommend(in, RecommendationScope::taste)[0];
+    EXPECT_EQ(r.gainDb, 5.0);
+    EXPECT_EQ(r.rationale.back(), "G8: your headphone already runs +4.0 dB on this setup — boost limited to +5.0");
+}
+
+TEST(RecommendationRuleEngine, G4ScalesTheTotalBoostBudget) {
+    auto in = quietInput();
+    in.learnedWarmupCurveDb = std::vector<double>(10, 4.0);
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    for (const auto& r : recs) {
+        EXPECT_EQ(r.gainDb, 3.0); // 4 × 28 / 40 = 2.8
+        EXPECT_EQ(r.rationale.back(), "G4: scaled down — total boost budget");
+    }
+    // Exactly 28 dB is within budget.
+    in.learnedWarmupCurveDb = std::vector<double>{4, 4, 4, 4, 4, 4, 4, 0, 0, 0};
+    for (const auto& r : Engine::recommend(in, RecommendationScope::taste))
+        for (const auto& reason : r.rationale) EXPECT_NE(reason.rfind("G4", 0), 0u);
+}
+
+TEST(RecommendationRuleEngine, FinalClampAndRounding) {
+    auto in = quietInput();
+    in.learnedWarmupCurveDb = std::vector<double>{-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0};
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    EXPECT_EQ(recs[0].gainDb, -12.0);
+    EXPECT_EQ(recs[1].gainDb, -12.0);
+    EXPECT_EQ(recs[2].gainDb, -7.0);
+    EXPECT_EQ(recs[3].gainDb, -3.0);
+    EXPECT_EQ(recs[4].gainDb, 3.0);
+    EXPECT_EQ(recs[5].gainDb, 0.0);
+    EXPECT_FALSE(std::signbit(recs[5].gainDb));
+}
+
+RecommendationInput randomInput(std::mt19937& rng) {
+    std::uniform_real_distribution<double> prom(-15, 15), dev(-8, 8), curve(-12, 12), bias(-3, 3);
+    RecommendationInput in;
+    for (int i = 0; i < 10; ++i) {
+        in.prominenceDb.push_back(prom(rng));
+        in.headphone.deviationDb[i] = dev(rng);
+        in.userBiasDb.push_back(bias(rng));
+    }
+    in.prominenceConfident = rng() % 2;
+    in.genre = allGenrePresets[rng() % 10];
+    in.genreLeanWeight = (rng() % 3) * 0.75;
+    if (rng() % 2) {
+        std::vector<double> c;
+        for (int i = 0; i < 10; ++i) c.push_back(curve(rng));
+        in.learnedWarmupCurveDb = c;
+    }
+    return in;
+}
+
+TEST(RecommendationRuleEngine, DeterministicAndAlwaysWithinTheProductLimits) {
+    std::mt19937 rng(1234);
+    for (int trial = 0; trial < 2000; ++trial) {
+        const auto in = randomInput(rng);
+        for (auto scope : {RecommendationScope::song, RecommendationScope::taste}) {
+            const auto recs = Engine::recommend(in, scope);
+            ASSERT_EQ(recs, Engine::recommend(in, scope));
+            ASSERT_EQ(recs.size(), 10u);
+            double boost = 0;
+            for (const auto& r : recs) {
+                EXPECT_EQ(r.gainDb, std::round(r.gainDb));
+                EXPECT_GE(r.gainDb, -12.0);
+                EXPECT_LE(r.gainDb, 12.0);
+                EXPECT_FALSE(r.rationale.empty());
+                if (r.gainDb > 0) boost += r.gainDb;
+            }
+            EXPECT_LE(recs[3].gainDb, 4.0);
+            EXPECT_LE(recs[8].gainDb, 6.0);
+            EXPECT_LE(recs[9].gainDb, 6.0);
+            EXPECT_LE(boost, 28.0 + 10 * 0.5); // budget, plus what rounding may add
+        }
+    }
+}
+
+TEST(RecommendationRuleEngine, SanitizeRefinementKeepsDeltasInsideTheLimits) {
+    auto baseline = Engine::recommend(quietInput(), RecommendationScope::song); // all 0
+    baseline[3].gainDb = 3.0;
+    baseline[8].gainDb = 5.0;
+    baseline[4].gainDb = 9.0;
+    baseline[5].gainDb = 11.0; // already past the +10 limit
+    baseline[6].gainDb = -11.0;
+    const std::vector<double> deltas = {0.74, -0.76, 4.0, 1.5, 1.5, 1.0, -1.5, NAN, 1.5};
+    const auto out = Engine::sanitizeRefinement(deltas, baseline);
+    ASSERT_EQ(out.size(), 10u);
+    EXPECT_EQ(out[0], 0.5);  // nearest 0.5 step
+    EXPECT_EQ(out[1], -1.0);
+    EXPECT_EQ(out[2], 1.5);  // at most ±1.5
+    EXPECT_EQ(out[3], 1.0);  // 250 Hz: 3 + 1 = 4
+    EXPECT_EQ(out[4], 1.0);  // no band above +10
+    EXPECT_EQ(out[5], 0.0);  // may not climb further past the limit
+    EXPECT_EQ(out[6], -1.0); // never below −12
+    EXPECT_EQ(out[7], 0.0);  // not a number
+    EXPECT_EQ(out[8], 1.0);  // 8 kHz: 5 + 1 = 6
+    EXPECT_EQ(out[9], 0.0);  // missing
+    EXPECT_EQ(Engine::sanitizeRefinement({-1.5}, baseline)[5], 0.0);
+    EXPECT_EQ(Engine::sanitizeRefinement({0, 0, 0, 0, 0, -1.5}, baseline)[5], -1.5); // coming down is fine
+}
+
+// Steady-state gain of a filter cascade on a sine, measured by running it: independent of the
+// closed-form response the traits use.
+double measuredGainDb(const std::vector<ParametricFilterSpec>& filters, double frequencyHz, double sampleRate) {
+    const int n = int(sampleRate) * 2;
+    std::vector<double> x(n);
+    for (int i = 0; i < n; ++i) x[i] = std::sin(2 * M_PI * frequencyHz * i / sampleRate);
+    for (const auto& f : filters) {
+        const auto c = f.coefficients(sampleRate);
+        double x1 = 0, x2 = 0, y1 = 0, y2 = 0;
+        for (double& v : x) {
+            const double y = c.b0 * v + c.b1 * x1 + c.b2 * x2 - c.a1 * y1 - c.a2 * y2;
+            x2 = x1; x1 = v; y2 = y1; y1 = y;
+            v = y;
+        }
+    }
+    double sumSquares = 0;
+    for (int i = n / 2; i < n; ++i) sumSquares += x[i] * x[i];
+    return 20 * std::log10(std::sqrt(sumSquares / (n / 2)) * std::sqrt(2.0));
+}
+
+TEST(HeadphoneTraits, DeviationIsTheCorrectionTurnedAround) {
+    HeadphoneProfile profile;
+    profile.modelName = "Test Can";
+    profile.preampDb = -6.0; // headroom only: not part of the deviation
+    profile.filters = {{ParametricFilterSpec::Shape::peaking, 8000.0, -3.0, 1.0},
+                       {ParametricFilterSpec::Shape::peaking, 1400.0, 5.0, 1.5},
+                       {ParametricFilterSpec::Shape::lowShelf, 105.0, 6.0, 0.7}};
+    const double rate = 48000.0;
+    const auto traits = HeadphoneTraits::from(profile, rate);
+    EXPECT_EQ(traits.profileName, "Test Can");
+    // The example the traits exist for: a correction cutting 3 dB at 8 kHz means +3 dB over-delivery.
+    HeadphoneProfile single;
+    single.filters = {profile.filters[0]};
+    EXPECT_NEAR(HeadphoneTraits::from(single, rate).deviationDb[8], 3.0, 1e-9);
+    const std::array<double, 10> centres = {31, 62, 125, 250, 500, 1000, 2000, 4000, 8000, 16000};
+    for (int band = 0; band < 10; ++band)
+        EXPECT_NEAR(traits.deviationDb[band], -measuredGainDb(profile.filters, centres[band], rate), 0.05) << band;
+    EXPECT_EQ(HeadphoneTraits::from(HeadphoneProfile{}, rate), HeadphoneTraits::neutral());
+}
+
+} // namespace
+} // namespace tarn
