@@ -1,0 +1,67 @@
+#include "core/audio/IOBufferPolicy.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include <spdlog/spdlog.h>
+
+#include "core/audio/AudioPlatform.hpp"
+#include "core/audio/ProcessCategory.hpp"
+
+namespace tarn::IOBufferPolicy {
+
+namespace {
+
+spdlog::logger& log() {
+    static const auto logger = spdlog::default_logger()->clone("io-buffer");
+    return *logger;
+}
+
+double checkedBound(double value, const char* what) {
+    if (!std::isfinite(value) || value <= -1.0 || value >= 4294967296.0) {
+        std::fprintf(stderr, "IOBufferPolicy::clamp: %s bound %g is out of range\n", what, value);
+        std::abort();
+    }
+    return value;
+}
+
+} // namespace
+
+std::uint32_t preferredFrames(std::optional<std::string_view> bundleID, std::optional<std::string_view> displayName) {
+    if (!bundleID || bundleID->empty()) return musicFrames;
+    if (ProcessCategory::isVideo(*bundleID)) return lowLatencyFrames;
+    if (auto kind = ProcessCategory::classifyWebApp(*bundleID, displayName)) {
+        return *kind == ProcessCategory::WebAppKind::music ? musicFrames : lowLatencyFrames;
+    }
+    if (ProcessCategory::isBrowser(*bundleID)) return lowLatencyFrames;
+    return musicFrames;
+}
+
+std::uint32_t clamp(std::uint32_t frames, double minimum, double maximum) {
+    const double lo = std::max(checkedBound(std::ceil(minimum), "minimum"), 1.0);
+    const double hi = std::max(std::min(checkedBound(std::floor(maximum), "maximum"), double(maxSupportedFrames)), 1.0);
+    if (hi >= lo) return std::uint32_t(std::min(std::max(lo, double(frames)), hi));
+    return std::min(frames, maxSupportedFrames);
+}
+
+std::optional<std::uint32_t> apply(std::uint32_t frames, std::uint32_t deviceID, AudioPlatform& platform) {
+    if (deviceID == 0) return std::nullopt;
+    std::uint32_t requested = frames;
+    double minimum = 0, maximum = 0;
+    if (platform.bufferFrameSizeRange(deviceID, minimum, maximum) == AudioPlatform::noError && maximum > 0 &&
+        minimum <= maximum) {
+        requested = clamp(frames, minimum, maximum);
+    }
+    if (platform.setBufferFrameSize(deviceID, requested) != AudioPlatform::noError) return std::nullopt;
+    std::uint32_t granted = 0;
+    if (platform.bufferFrameSize(deviceID, granted) == AudioPlatform::noError) {
+        log().info("IO buffer: asked {}, granted {} frames (device {})", frames, granted, deviceID);
+        return granted;
+    }
+    log().info("IO buffer: asked {}, set {}, read-back failed (device {})", frames, requested, deviceID);
+    return requested;
+}
+
+} // namespace tarn::IOBufferPolicy
