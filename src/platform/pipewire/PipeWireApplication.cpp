@@ -1,0 +1,78 @@
+#include "platform/pipewire/PipeWireApplication.hpp"
+
+#include <algorithm>
+#include <map>
+
+namespace tarn {
+
+namespace {
+
+std::string firstOf(std::initializer_list<std::string> values) {
+    for (const auto& v : values)
+        if (!v.empty()) return v;
+    return {};
+}
+
+std::string clientProp(const PipeWireClientRecord* client, const std::string& key) {
+    if (!client) return {};
+    auto it = client->props.find(key);
+    return it == client->props.end() ? std::string{} : it->second;
+}
+
+} // namespace
+
+std::string PipeWireApplication::identityOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    return firstOf({clientProp(client, "pipewire.access.portal.app_id"), node.prop("pipewire.access.portal.app_id"),
+                    node.prop("application.id"), clientProp(client, "application.id"),
+                    node.prop("application.process.binary"), clientProp(client, "application.process.binary")});
+}
+
+int32_t PipeWireApplication::pidOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    auto text = firstOf({node.prop("application.process.id"), clientProp(client, "application.process.id"),
+                         clientProp(client, "pipewire.sec.pid")});
+    try {
+        return text.empty() ? 0 : static_cast<int32_t>(std::stol(text));
+    } catch (...) {
+        return 0;
+    }
+}
+
+bool PipeWireApplication::isApplicationStream(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    if (node.mediaClass() != "Stream/Output/Audio" || node.isTarnNode()) return false;
+    // Streams of a Tarn process (the player deck's, say) are not applications to route.
+    return clientProp(client, "tarn.role").empty();
+}
+
+bool PipeWireApplication::streamBelongsTo(const PipeWireNodeRecord& node, const PipeWireClientRecord* client,
+                                          int32_t pid, const std::string& identity) {
+    if (!isApplicationStream(node, client)) return false;
+    if (pid > 0) return pidOf(node, client) == pid;
+    return identityOf(node, client) == identity;
+}
+
+std::vector<PipeWireApplication> PipeWireApplication::list(const PipeWireGraph& graph) {
+    std::vector<PipeWireApplication> apps;
+    std::map<std::string, size_t> byProcess;
+    for (const auto& node : graph.nodes) {
+        const auto* client = graph.client(node.clientID);
+        if (!isApplicationStream(node, client)) continue;
+        int32_t pid = pidOf(node, client);
+        auto key = pid > 0 ? "pid:" + std::to_string(pid) : "client:" + std::to_string(node.clientID);
+        auto [it, inserted] = byProcess.try_emplace(key, apps.size());
+        if (inserted) {
+            PipeWireApplication app;
+            app.objectID = node.id;
+            app.pid = pid;
+            app.identity = identityOf(node, client);
+            app.name = firstOf({node.prop("application.name"), clientProp(client, "application.name"), app.identity});
+            apps.push_back(std::move(app));
+        }
+        auto& app = apps[it->second];
+        app.streamNodeIDs.push_back(node.id);
+        app.objectID = std::min(app.objectID, node.id);
+        app.isRunningOutput = app.isRunningOutput || node.state == "running";
+    }
+    return apps;
+}
+
+} // namespace tarn
