@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace tarn {
+
+// Streams an audio file (WAV, AIFF, FLAC, MP3, AAC/M4A, ALAC and whatever else FFmpeg reads) as
+// interleaved 32-bit float at the file's own sample rate and channel count. Only a few thousand
+// frames are held at a time, so a long file is never wholly in memory.
+class AudioFileDecoder {
+public:
+    static constexpr int maxChannelCount = 8;
+
+    // Every failure names the file: unreadable, not audio, no decoder, more than 8 channels,
+    // damaged data met while decoding.
+    class Error : public std::runtime_error {
+    public:
+        using std::runtime_error::runtime_error;
+    };
+
+    explicit AudioFileDecoder(const std::filesystem::path& path);
+    ~AudioFileDecoder();
+    AudioFileDecoder(const AudioFileDecoder&) = delete;
+    AudioFileDecoder& operator=(const AudioFileDecoder&) = delete;
+
+    const std::filesystem::path& path() const;
+    int sampleRate() const;
+    int channelCount() const;
+    // From the container's header; absent when it does not say. Use for progress only.
+    std::optional<std::int64_t> estimatedFrameCount() const;
+
+    // Fills `interleaved` (room for maxFrames * channelCount() floats) with up to maxFrames
+    // frames; returns fewer only at the end of the file, and 0 once it is over.
+    int read(float* interleaved, int maxFrames);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+} // namespace tarn
