@@ -1,0 +1,769 @@
+#include "support/SimulatedAudioPlatform.hpp"
+
+#include <algorithm>
+#include <chrono>
+
+namespace tarn::testing {
+
+namespace {
+
+thread_local bool insideCallback = false;
+
+bool waitFor(const std::atomic<std::uint64_t>& counter, std::uint64_t target) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (counter.load() < target) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+} // namespace
+
+struct SimulatedAudioPlatform::Runner {
+    std::atomic<bool> stop{false};
+    std::thread thread;
+
+    ~Runner() { halt(); }
+    void halt() {
+        stop.store(true);
+        if (thread.joinable()) thread.join();
+    }
+};
+
+std::string_view SimulatedAudioPlatform::name(Step step) {
+    switch (step) {
+    case Step::createProcessTap: return "createProcessTap";
+    case Step::tapUID: return "tapUID";
+    case Step::tapFormat: return "tapFormat";
+    case Step::destroyProcessTap: return "destroyProcessTap";
+    case Step::createAggregateDevice: return "createAggregateDevice";
+    case Step::destroyAggregateDevice: return "destroyAggregateDevice";
+    case Step::createIOProc: return "createIOProc";
+    case Step::createIOProcWithoutHandle: return "createIOProc";
+    case Step::destroyIOProc: return "destroyIOProc";
+    case Step::startDevice: return "startDevice";
+    case Step::stopDevice: return "stopDevice";
+    case Step::outputUnitComponent: return "hasOutputUnitComponent";
+    case Step::createOutputUnit: return "createOutputUnit";
+    case Step::enableOutputIO: return "enableOutputIO";
+    case Step::setOutputUnitDevice: return "setOutputUnitDevice";
+    case Step::setMaximumFramesPerSlice: return "setMaximumFramesPerSlice";
+    case Step::setOutputUnitFormat: return "setOutputUnitFormat";
+    case Step::setRenderCallback: return "setRenderCallback";
+    case Step::initializeOutputUnit: return "initializeOutputUnit";
+    case Step::startOutputUnit: return "startOutputUnit";
+    case Step::bufferFrameSizeRange: return "bufferFrameSizeRange";
+    case Step::setBufferFrameSize: return "setBufferFrameSize";
+    case Step::bufferFrameSize: return "bufferFrameSize";
+    case Step::processObjectList: return "processObjectList";
+    case Step::addProcessListListener: return "addProcessListListener";
+    case Step::addRunningOutputListener: return "addRunningOutputListener";
+    case Step::outputDeviceList: return "outputDeviceList";
+    case Step::defaultOutputDevice: return "defaultOutputDevice";
+    case Step::deviceForUID: return "deviceForUID";
+    case Step::deviceUID: return "deviceUID";
+    case Step::deviceName: return "deviceName";
+    case Step::outputStreamChannelCounts: return "outputStreamChannelCounts";
+    }
+    return "?";
+}
+
+SimulatedAudioPlatform::SimulatedAudioPlatform() = default;
+
+SimulatedAudioPlatform::~SimulatedAudioPlatform() {
+    // Stop any thread an engine forgot, so a failing test does not crash the next one.
+    std::lock_guard lock(mutex_);
+    for (auto& [handle, record] : ioProcs_)
+        if (record.runner) record.runner->halt();
+    for (auto& [handle, unit] : units_)
+        if (unit.runner) unit.runner->halt();
+}
+
+bool SimulatedAudioPlatform::isInsideCallback() { return insideCallback; }
+
+// ---- set-up ------------------------------------------------------------------------------------
+
+void SimulatedAudioPlatform::fail(Step step, Status status) {
+    std::lock_guard lock(mutex_);
+    failures_[step] = status;
+}
+
+void SimulatedAudioPlatform::clearFailures() {
+    std::lock_guard lock(mutex_);
+    failures_.clear();
+}
+
+void SimulatedAudioPlatform::addProcess(Process process) {
+    std::lock_guard lock(mutex_);
+    processes_.push_back(std::move(process));
+}
+
+void SimulatedAudioPlatform::removeProcess(ObjectID id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(processes_, [&](const Process& p) { return p.id == id; });
+}
+
+void SimulatedAudioPlatform::setRunningOutput(ObjectID id, bool running) {
+    std::lock_guard lock(mutex_);
+    for (auto& p : processes_)
+        if (p.id == id) p.isRunningOutput = running;
+}
+
+void SimulatedAudioPlatform::addDevice(Device device) {
+    std::lock_guard lock(mutex_);
+    devices_.push_back(std::move(device));
+}
+
+void SimulatedAudioPlatform::removeDevice(ObjectID id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(devices_, [&](const Device& d) { return d.id == id; });
+}
+
+void SimulatedAudioPlatform::setDefaultOutputDevice(ObjectID id) {
+    std::lock_guard lock(mutex_);
+    defaultDevice_ = id;
+}
+
+void SimulatedAudioPlatform::forceGrantedBufferFrames(std::optional<std::uint32_t> frames) {
+    std::lock_guard lock(mutex_);
+    forcedGrant_ = frames;
+}
+
+void SimulatedAudioPlatform::setCaptureSource(CaptureSource source) {
+    std::lock_guard lock(mutex_);
+    captureSource_ = std::move(source);
+}
+
+void SimulatedAudioPlatform::setRenderSink(RenderSink sink) {
+    std::lock_guard lock(mutex_);
+    renderSink_ = sink;
+}
+
+void SimulatedAudioPlatform::notify(ListenerKind kind, ObjectID process) {
+    std::vector<ChangeListener> callbacks;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& [token, listener] : listeners_) {
+            if (listener.kind == kind && (kind != ListenerKind::runningOutput || listener.process == process)) {
+                callbacks.push_back(listener.callback);
+            }
+        }
+    }
+    std::thread([&] {
+        for (auto& callback : callbacks) callback();
+    }).join();
+}
+
+void SimulatedAudioPlatform::notifyProcessListChanged() { notify(ListenerKind::processList, 0); }
+void SimulatedAudioPlatform::notifyRunningOutputChanged(ObjectID process) { notify(ListenerKind::runningOutput, process); }
+void SimulatedAudioPlatform::notifyDeviceListChanged() { notify(ListenerKind::deviceList, 0); }
+
+// ---- inspection --------------------------------------------------------------------------------
+
+std::vector<std::string> SimulatedAudioPlatform::calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+}
+
+void SimulatedAudioPlatform::clearCalls() {
+    std::lock_guard lock(mutex_);
+    calls_.clear();
+}
+
+std::size_t SimulatedAudioPlatform::liveTaps() const {
+    std::lock_guard lock(mutex_);
+    return taps_.size();
+}
+
+std::size_t SimulatedAudioPlatform::liveAggregateDevices() const {
+    std::lock_guard lock(mutex_);
+    return aggregates_.size();
+}
+
+std::size_t SimulatedAudioPlatform::liveIOProcs() const {
+    std::lock_guard lock(mutex_);
+    return ioProcs_.size();
+}
+
+std::size_t SimulatedAudioPlatform::liveOutputUnits() const {
+    std::lock_guard lock(mutex_);
+    return units_.size();
+}
+
+std::size_t SimulatedAudioPlatform::liveListeners() const {
+    std::lock_guard lock(mutex_);
+    return listeners_.size();
+}
+
+std::size_t SimulatedAudioPlatform::runningCallbackThreads() const { return std::size_t(runningThreads_.load()); }
+
+bool SimulatedAudioPlatform::isClean() const {
+    return liveTaps() == 0 && liveAggregateDevices() == 0 && liveIOProcs() == 0 && liveOutputUnits() == 0 &&
+           runningCallbackThreads() == 0;
+}
+
+std::optional<AudioPlatform::TapDescription> SimulatedAudioPlatform::lastTapDescription() const {
+    std::lock_guard lock(mutex_);
+    return lastTap_;
+}
+
+std::optional<AudioPlatform::AggregateDeviceDescription> SimulatedAudioPlatform::lastAggregateDescription() const {
+    std::lock_guard lock(mutex_);
+    return lastAggregate_;
+}
+
+std::optional<AudioStreamFormat> SimulatedAudioPlatform::lastOutputUnitFormat() const {
+    std::lock_guard lock(mutex_);
+    return lastUnitFormat_;
+}
+
+std::optional<AudioPlatform::ObjectID> SimulatedAudioPlatform::lastOutputUnitDevice() const {
+    std::lock_guard lock(mutex_);
+    return lastUnitDevice_;
+}
+
+std::uint32_t SimulatedAudioPlatform::bufferFramesOf(ObjectID deviceID) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& d : devices_)
+        if (d.id == deviceID) return d.bufferFrames;
+    return 0;
+}
+
+std::vector<std::pair<AudioPlatform::ObjectID, std::uint32_t>> SimulatedAudioPlatform::bufferRequests() const {
+    std::lock_guard lock(mutex_);
+    return bufferRequests_;
+}
+
+bool SimulatedAudioPlatform::waitForCaptureCycles(std::uint64_t cycles) const { return waitFor(captureCycles_, cycles); }
+bool SimulatedAudioPlatform::waitForRenderCycles(std::uint64_t cycles) const { return waitFor(renderCycles_, cycles); }
+
+std::vector<float> SimulatedAudioPlatform::renderedSamples() const {
+    std::lock_guard lock(renderedMutex_);
+    return rendered_;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::enter(Step step, std::string call) {
+    calls_.push_back(std::move(call));
+    auto it = failures_.find(step);
+    return it == failures_.end() ? noError : it->second;
+}
+
+// ---- capture -----------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::createProcessTap(const TapDescription& description, ObjectID& tapID) {
+    std::lock_guard lock(mutex_);
+    lastTap_ = description;
+    if (auto s = enter(Step::createProcessTap, "createProcessTap")) return s;
+    for (auto process : description.processes) {
+        if (std::none_of(processes_.begin(), processes_.end(), [&](const Process& p) { return p.id == process; })) {
+            return notFound;
+        }
+    }
+    std::uint32_t channels = 2;
+    if (!description.isStereoMixdown) {
+        auto device = std::find_if(devices_.begin(), devices_.end(),
+                                   [&](const Device& d) { return d.uid == description.deviceUID; });
+        if (device == devices_.end() || description.streamIndex >= device->streamChannelCounts.size()) return notFound;
+        channels = device->streamChannelCounts[description.streamIndex];
+    }
+    tapID = nextObjectID_++;
+    taps_[tapID] = Tap{description, "tap-" + std::to_string(tapID), {captureSource_.sampleRate, channels}};
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::tapUID(ObjectID tapID, std::string& uid) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::tapUID, "tapUID")) return s;
+    auto it = taps_.find(tapID);
+    if (it == taps_.end()) return notFound;
+    uid = it->second.uid;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::tapFormat(ObjectID tapID, AudioStreamFormat& format) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::tapFormat, "tapFormat")) return s;
+    auto it = taps_.find(tapID);
+    if (it == taps_.end()) return notFound;
+    format = it->second.format;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::destroyProcessTap(ObjectID tapID) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::destroyProcessTap, "destroyProcessTap")) return s;
+    return taps_.erase(tapID) ? noError : notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::createAggregateDevice(const AggregateDeviceDescription& description,
+                                                                    ObjectID& deviceID) {
+    std::lock_guard lock(mutex_);
+    lastAggregate_ = description;
+    if (auto s = enter(Step::createAggregateDevice, "createAggregateDevice")) return s;
+    for (const auto& tap : description.taps) {
+        if (std::none_of(taps_.begin(), taps_.end(), [&](const auto& t) { return t.second.uid == tap.uid; })) {
+            return notFound;
+        }
+    }
+    deviceID = nextObjectID_++;
+    aggregates_[deviceID] = description;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::destroyAggregateDevice(ObjectID deviceID) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::destroyAggregateDevice, "destroyAggregateDevice")) return s;
+    return aggregates_.erase(deviceID) ? noError : notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::createIOProc(ObjectID deviceID, IOProc proc, void* context,
+                                                           IOProcHandle& handle) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::createIOProc, "createIOProc")) return s;
+    if (!aggregates_.contains(deviceID) || !proc) return notFound;
+    if (failures_.contains(Step::createIOProcWithoutHandle)) {
+        handle = 0;
+        return noError;
+    }
+    handle = nextHandle_++;
+    ioProcs_[handle] = IOProcRecord{deviceID, proc, context, nullptr};
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::destroyIOProc(ObjectID deviceID, IOProcHandle handle) {
+    std::unique_ptr<Runner> runner;
+    {
+        std::lock_guard lock(mutex_);
+        if (auto s = enter(Step::destroyIOProc, "destroyIOProc")) return s;
+        auto it = ioProcs_.find(handle);
+        if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
+        runner = std::move(it->second.runner);
+        ioProcs_.erase(it);
+    }
+    return noError; // a runner still going is joined here, outside the lock
+}
+
+void SimulatedAudioPlatform::startCaptureRunner(IOProcRecord& record, const AudioStreamFormat& format) {
+    record.runner = std::make_unique<Runner>();
+    const CaptureSource source = captureSource_;
+    const std::uint32_t channels = format.channelCount;
+    runningThreads_.fetch_add(1);
+    record.runner->thread = std::thread([this, source, channels, proc = record.proc, context = record.context,
+                                         stop = &record.runner->stop] {
+        const std::uint32_t frames = source.framesPerCycle;
+        const std::uint32_t bufferCount = source.interleaved ? 1 : (source.bufferCount ? source.bufferCount : channels);
+        const std::uint32_t perBufferChannels =
+            source.interleaved ? (source.interleavedChannelCount ? source.interleavedChannelCount : channels) : 1;
+        std::vector<std::vector<float>> storage(bufferCount, std::vector<float>(std::size_t(frames) * perBufferChannels));
+        std::vector<AudioBufferList::Buffer> buffers(bufferCount);
+        std::uint64_t frame = 0;
+        std::uint64_t cycles = 0;
+        while (!stop->load()) {
+            if (source.maxCycles && cycles >= source.maxCycles) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            for (std::uint32_t b = 0; b < bufferCount; ++b) {
+                for (std::uint32_t f = 0; f < frames; ++f)
+                    for (std::uint32_t c = 0; c < perBufferChannels; ++c)
+                        storage[b][f * perBufferChannels + c] = source.sample(frame + f, source.interleaved ? c : b);
+                buffers[b] = {perBufferChannels, std::uint32_t(storage[b].size() * sizeof(float)), storage[b].data()};
+            }
+            AudioBufferList list{bufferCount, buffers.data()};
+            insideCallback = true;
+            proc(context, list);
+            insideCallback = false;
+            frame += frames;
+            ++cycles;
+            captureCycles_.fetch_add(1);
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        runningThreads_.fetch_sub(1);
+    });
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::startDevice(ObjectID deviceID, IOProcHandle handle) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::startDevice, "startDevice")) return s;
+    auto it = ioProcs_.find(handle);
+    if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
+    if (it->second.runner) return noError;
+    // The aggregate's format is its tap's.
+    AudioStreamFormat format{captureSource_.sampleRate, 2};
+    for (const auto& tapRef : aggregates_[deviceID].taps)
+        for (const auto& [id, tap] : taps_)
+            if (tap.uid == tapRef.uid) format = tap.format;
+    startCaptureRunner(it->second, format);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::stopDevice(ObjectID deviceID, IOProcHandle handle) {
+    std::unique_ptr<Runner> runner;
+    {
+        std::lock_guard lock(mutex_);
+        if (auto s = enter(Step::stopDevice, "stopDevice")) return s;
+        auto it = ioProcs_.find(handle);
+        if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
+        runner = std::move(it->second.runner);
+    }
+    if (runner) runner->halt(); // the callback has returned once this does
+    return noError;
+}
+
+// ---- render ------------------------------------------------------------------------------------
+
+bool SimulatedAudioPlatform::hasOutputUnitComponent() {
+    std::lock_guard lock(mutex_);
+    return enter(Step::outputUnitComponent, "hasOutputUnitComponent") == noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::createOutputUnit(OutputUnitHandle& unit) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::createOutputUnit, "createOutputUnit")) return s;
+    unit = nextHandle_++;
+    units_[unit] = OutputUnit{};
+    return noError;
+}
+
+#define TARN_FIND_UNIT(unit)                                                                                          \
+    auto found = units_.find(unit);                                                                                   \
+    if (found == units_.end()) return notFound;                                                                       \
+    OutputUnit& u = found->second
+
+AudioPlatform::Status SimulatedAudioPlatform::enableOutputIO(OutputUnitHandle unit) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::enableOutputIO, "enableOutputIO")) return s;
+    TARN_FIND_UNIT(unit);
+    (void)u;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::setOutputUnitDevice(OutputUnitHandle unit, ObjectID deviceID) {
+    std::lock_guard lock(mutex_);
+    lastUnitDevice_ = deviceID;
+    if (auto s = enter(Step::setOutputUnitDevice, "setOutputUnitDevice")) return s;
+    TARN_FIND_UNIT(unit);
+    if (std::none_of(devices_.begin(), devices_.end(), [&](const Device& d) { return d.id == deviceID; })) {
+        return notFound;
+    }
+    u.device = deviceID;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t frames) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::setMaximumFramesPerSlice, "setMaximumFramesPerSlice")) return s;
+    TARN_FIND_UNIT(unit);
+    (void)u;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) {
+    std::lock_guard lock(mutex_);
+    lastUnitFormat_ = format;
+    if (auto s = enter(Step::setOutputUnitFormat, "setOutputUnitFormat")) return s;
+    TARN_FIND_UNIT(unit);
+    if (format.channelCount == 0 || !(format.sampleRate > 0)) return invalid;
+    u.format = format;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::setRenderCallback, "setRenderCallback")) return s;
+    TARN_FIND_UNIT(unit);
+    u.proc = proc;
+    u.context = context;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::initializeOutputUnit(OutputUnitHandle unit) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::initializeOutputUnit, "initializeOutputUnit")) return s;
+    TARN_FIND_UNIT(unit);
+    if (!u.device || !u.format || !u.proc) return invalid;
+    u.initialized = true;
+    return noError;
+}
+
+void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
+    unit.runner = std::make_unique<Runner>();
+    const RenderSink sink = renderSink_;
+    const std::uint32_t channels = unit.format->channelCount;
+    runningThreads_.fetch_add(1);
+    unit.runner->thread = std::thread([this, sink, channels, proc = unit.proc, context = unit.context,
+                                       stop = &unit.runner->stop] {
+        std::vector<float> block(std::size_t(sink.framesPerCycle) * channels);
+        AudioBufferList::Buffer buffer{channels, std::uint32_t(block.size() * sizeof(float)), block.data()};
+        std::uint64_t cycles = 0;
+        while (!stop->load()) {
+            if (sink.maxCycles && cycles >= sink.maxCycles) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            // Garbage in the buffer, so a callback that leaves samples unwritten is caught.
+            std::fill(block.begin(), block.end(), 123.0f);
+            AudioBufferList list{1, &buffer};
+            insideCallback = true;
+            proc(context, sink.framesPerCycle, list);
+            insideCallback = false;
+            {
+                std::lock_guard lock(renderedMutex_);
+                rendered_.insert(rendered_.end(), block.begin(), block.end());
+            }
+            ++cycles;
+            renderCycles_.fetch_add(1);
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        runningThreads_.fetch_sub(1);
+    });
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::startOutputUnit(OutputUnitHandle unit) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::startOutputUnit, "startOutputUnit")) return s;
+    TARN_FIND_UNIT(unit);
+    if (!u.initialized) return invalid;
+    if (!u.runner) startRenderRunner(u);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::stopOutputUnit(OutputUnitHandle unit) {
+    std::unique_ptr<Runner> runner;
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back("stopOutputUnit");
+        TARN_FIND_UNIT(unit);
+        runner = std::move(u.runner);
+    }
+    if (runner) runner->halt();
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::uninitializeOutputUnit(OutputUnitHandle unit) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back("uninitializeOutputUnit");
+    TARN_FIND_UNIT(unit);
+    u.initialized = false;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::disposeOutputUnit(OutputUnitHandle unit) {
+    std::unique_ptr<Runner> runner;
+    {
+        std::lock_guard lock(mutex_);
+        calls_.push_back("disposeOutputUnit");
+        TARN_FIND_UNIT(unit);
+        runner = std::move(u.runner);
+        units_.erase(found);
+    }
+    return noError;
+}
+
+#undef TARN_FIND_UNIT
+
+// ---- buffer sizes ------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSizeRange(ObjectID deviceID, double& minimum, double& maximum) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::bufferFrameSizeRange, "bufferFrameSizeRange")) return s;
+    if (aggregates_.contains(deviceID)) {
+        minimum = 16;
+        maximum = 8192;
+        return noError;
+    }
+    for (const auto& d : devices_) {
+        if (d.id == deviceID) {
+            minimum = d.minimumBufferFrames;
+            maximum = d.maximumBufferFrames;
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::setBufferFrameSize(ObjectID deviceID, std::uint32_t frames) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::setBufferFrameSize, "setBufferFrameSize")) return s;
+    bufferRequests_.emplace_back(deviceID, frames);
+    if (aggregates_.contains(deviceID)) return noError;
+    for (auto& d : devices_) {
+        if (d.id == deviceID) {
+            d.bufferFrames = forcedGrant_.value_or(frames);
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSize(ObjectID deviceID, std::uint32_t& frames) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::bufferFrameSize, "bufferFrameSize")) return s;
+    if (aggregates_.contains(deviceID)) {
+        frames = forcedGrant_.value_or(bufferRequests_.empty() ? 512 : bufferRequests_.back().second);
+        return noError;
+    }
+    for (const auto& d : devices_) {
+        if (d.id == deviceID) {
+            frames = d.bufferFrames;
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+// ---- listeners ---------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::removeListener(ListenerToken token) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back("removeListener");
+    return listeners_.erase(token) ? noError : notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::addProcessListListener(ChangeListener listener, ListenerToken& token) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::addProcessListListener, "addProcessListListener")) return s;
+    token = nextHandle_++;
+    listeners_[token] = Listener{ListenerKind::processList, 0, std::move(listener)};
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::addRunningOutputListener(ObjectID process, ChangeListener listener,
+                                                                       ListenerToken& token) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::addRunningOutputListener, "addRunningOutputListener")) return s;
+    if (std::none_of(processes_.begin(), processes_.end(), [&](const Process& p) { return p.id == process; })) {
+        return notFound;
+    }
+    token = nextHandle_++;
+    listeners_[token] = Listener{ListenerKind::runningOutput, process, std::move(listener)};
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::addDeviceListListener(ChangeListener listener, ListenerToken& token) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back("addDeviceListListener");
+    token = nextHandle_++;
+    listeners_[token] = Listener{ListenerKind::deviceList, 0, std::move(listener)};
+    return noError;
+}
+
+// ---- processes ---------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::processObjectList(std::vector<ObjectID>& processes) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::processObjectList, "processObjectList")) return s;
+    processes.clear();
+    for (const auto& p : processes_) processes.push_back(p.id);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::processPID(ObjectID process, std::int32_t& pid) {
+    std::lock_guard lock(mutex_);
+    for (const auto& p : processes_) {
+        if (p.id != process) continue;
+        if (p.pidStatus) return p.pidStatus;
+        pid = p.pid;
+        return noError;
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::processBundleID(ObjectID process, std::string& bundleID) {
+    std::lock_guard lock(mutex_);
+    for (const auto& p : processes_) {
+        if (p.id != process) continue;
+        if (p.bundleIDStatus) return p.bundleIDStatus;
+        bundleID = p.bundleID;
+        return noError;
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::processIsRunningOutput(ObjectID process, bool& isRunning) {
+    std::lock_guard lock(mutex_);
+    for (const auto& p : processes_) {
+        if (p.id != process) continue;
+        if (p.runningStatus) return p.runningStatus;
+        isRunning = p.isRunningOutput;
+        return noError;
+    }
+    return notFound;
+}
+
+std::optional<AudioPlatform::RunningApplication> SimulatedAudioPlatform::runningApplication(std::int32_t pid) {
+    std::lock_guard lock(mutex_);
+    for (const auto& p : processes_)
+        if (p.pid == pid && p.application) return p.application;
+    return std::nullopt;
+}
+
+// ---- devices -----------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::outputDeviceList(std::vector<ObjectID>& devices) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::outputDeviceList, "outputDeviceList")) return s;
+    devices.clear();
+    for (const auto& d : devices_) devices.push_back(d.id);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::defaultOutputDevice(ObjectID& deviceID) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::defaultOutputDevice, "defaultOutputDevice")) return s;
+    if (defaultDevice_ == 0) return notFound;
+    deviceID = defaultDevice_;
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::deviceForUID(const std::string& uid, ObjectID& deviceID) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::deviceForUID, "deviceForUID")) return s;
+    for (const auto& d : devices_) {
+        if (d.uid == uid) {
+            deviceID = d.id;
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::deviceUID(ObjectID deviceID, std::string& uid) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::deviceUID, "deviceUID")) return s;
+    for (const auto& d : devices_) {
+        if (d.id != deviceID) continue;
+        if (d.uidStatus) return d.uidStatus;
+        uid = d.uid;
+        return noError;
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::deviceName(ObjectID deviceID, std::string& name) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::deviceName, "deviceName")) return s;
+    for (const auto& d : devices_) {
+        if (d.id == deviceID) {
+            name = d.name;
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::outputStreamChannelCounts(ObjectID deviceID,
+                                                                        std::vector<std::uint32_t>& channelCounts) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::outputStreamChannelCounts, "outputStreamChannelCounts")) return s;
+    for (const auto& d : devices_) {
+        if (d.id == deviceID) {
+            channelCounts = d.streamChannelCounts;
+            return noError;
+        }
+    }
+    return notFound;
+}
+
+} // namespace tarn::testing
