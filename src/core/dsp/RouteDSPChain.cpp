@@ -1,0 +1,310 @@
+#include "core/dsp/RouteDSPChain.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "core/dsp/CorrectionAwareQ.hpp"
+#include "core/dsp/OutputSafetyCeiling.hpp"
+
+namespace tarn {
+
+namespace {
+std::uint64_t bitsOf(double v) { return std::bit_cast<std::uint64_t>(v); }
+std::uint32_t bitsOf(float v) { return std::bit_cast<std::uint32_t>(v); }
+} // namespace
+
+RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate)
+    : channelCount_(channelCount < 1 ? 1 : channelCount), sampleRate_(sampleRate),
+      customEQ_(std::make_unique<TenBandEQ>(channelCount_, sampleRate)),
+      correctionEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate)),
+      userParametricEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate)),
+      limiter_(sampleRate), inputMeter_(meterDecayMs, sampleRate), outputMeter_(meterDecayMs, sampleRate),
+      beatMeter_(sampleRate, beatMeterDecayMs),
+      gainLinearBits_(bitsOf(1.0)), outputTrimLinearBits_(bitsOf(1.0)), ceilingAttenuationLinearBits_(bitsOf(1.0)),
+      gainLinearFloatBits_(bitsOf(1.0f)), outputTrimLinearFloatBits_(bitsOf(1.0f)),
+      ceilingAttenuationLinearFloatBits_(bitsOf(1.0f)),
+      channelActive_(channelCount_, true), channelSilentBlocks_(channelCount_, 0), channelPeaks_(channelCount_, 0.0f) {
+    // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB.
+    setOutputTrim(0.0);
+    customEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
+    correctionEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
+    userParametricEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
+    recomputeSafetyCeiling();
+}
+
+void RouteDSPChain::publishLinear(std::atomic<std::uint64_t>& bits, std::atomic<std::uint32_t>& floatBits, double value) {
+    bits.store(bitsOf(value));
+    floatBits.store(bitsOf(static_cast<float>(value)));
+}
+
+double RouteDSPChain::loadDouble(const std::atomic<std::uint64_t>& bits) {
+    return std::bit_cast<double>(bits.load(std::memory_order_acquire));
+}
+
+float RouteDSPChain::loadFloat(const std::atomic<std::uint32_t>& bits) {
+    return std::bit_cast<float>(bits.load(std::memory_order_acquire));
+}
+
+void RouteDSPChain::setGain(double db) {
+    routeGainDb_ = db;
+    publishLinear(gainLinearBits_, gainLinearFloatBits_, std::pow(10.0, db / 20.0));
+    recomputeSafetyCeiling();
+}
+
+void RouteDSPChain::setOutputTrim(double db) {
+    outputTrimDb_ = db;
+    publishLinear(outputTrimLinearBits_, outputTrimLinearFloatBits_, std::pow(10.0, (db + outputMakeupDb) / 20.0));
+    recomputeSafetyCeiling();
+}
+
+void RouteDSPChain::setSafetyCeilingEnabled(bool enabled) {
+    safetyCeilingEnabled_ = enabled;
+    recomputeSafetyCeiling();
+}
+
+void RouteDSPChain::recomputeSafetyCeiling() {
+    if (!customEQ_ || !correctionEQ_ || !userParametricEQ_) return;   // still constructing
+    std::vector<EQBandState> bands;
+    if (!customEQ_->isBypassed()) bands = customEQ_->worstCaseBands();
+    auto stage = [](const CorrectionEQ& eq, double& preampDb, std::vector<ParametricFilterSpec>& filters) {
+        if (eq.isBypassed() || !eq.profile()) return;
+        preampDb = eq.profile()->preampDb;
+        filters = eq.profile()->filters;
+    };
+    double correctionPreampDb = 0.0, parametricPreampDb = 0.0;
+    std::vector<ParametricFilterSpec> correctionFilters, parametricFilters;
+    stage(*correctionEQ_, correctionPreampDb, correctionFilters);
+    stage(*userParametricEQ_, parametricPreampDb, parametricFilters);
+
+    const double estimate = OutputSafetyCeiling::estimatedPeakGainDb(
+        routeGainDb_, outputTrimDb_ + outputMakeupDb, bands, customEQ_->sampleRate(), correctionPreampDb,
+        correctionFilters, correctionEQ_->sampleRate(), parametricPreampDb, parametricFilters,
+        userParametricEQ_->sampleRate());
+    estimatedPeakGainDb_.store(estimate);
+    const double attenuation = safetyCeilingEnabled_ ? OutputSafetyCeiling::makeupAttenuationLinear(estimate) : 1.0;
+    ceilingAttenuationLinear_.store(attenuation);
+    publishLinear(ceilingAttenuationLinearBits_, ceilingAttenuationLinearFloatBits_, attenuation);
+    isSafetyCeilingActive_.store(attenuation < 1.0);
+}
+
+void RouteDSPChain::recomputeEffectiveQs(GenrePreset genre, const HeadphoneProfile* correctionProfile) {
+    customEQ_->applyQVector(CorrectionAwareQ::qVector(genre, correctionProfile, TenBandLayout::defaultQ));
+}
+
+void RouteDSPChain::rebuild(double sampleRate) {
+    if (!(sampleRate > 0) || sampleRate == sampleRate_) return;
+    sampleRate_ = sampleRate;
+    customEQ_->rebuild(sampleRate);
+    correctionEQ_->rebuild(sampleRate);
+    userParametricEQ_->rebuild(sampleRate);
+    inputMeter_.setSampleRate(sampleRate);
+    outputMeter_.setSampleRate(sampleRate);
+    beatMeter_.rebuild(sampleRate);
+    recomputeSafetyCeiling();
+}
+
+void RouteDSPChain::resetRealtimeState() {
+    muteGain_ = 1.0f;
+    headroomGain_ = 1.0;
+    headroomTarget_ = 1.0;
+    preSaturationEma_ = 0.0;
+    inputPeakEma_ = 0.0;
+    std::fill(channelActive_.begin(), channelActive_.end(), true);
+    std::fill(channelSilentBlocks_.begin(), channelSilentBlocks_.end(), 0);
+    wasPassthrough_ = false;
+    publishedHeadroomGain_.store(1.0);
+    wasPassthroughAtomic_.store(false);
+}
+
+void RouteDSPChain::trackChannelActivity(const float* channelPeaks) {
+    for (int ch = 0; ch < channelCount_; ++ch) {
+        if (channelPeaks[ch] <= silenceThreshold) {
+            if (channelSilentBlocks_[ch] < silentBlocksBeforeInactive) ++channelSilentBlocks_[ch];
+            if (channelSilentBlocks_[ch] >= silentBlocksBeforeInactive) channelActive_[ch] = false;
+            continue;
+        }
+        channelSilentBlocks_[ch] = 0;
+        if (!channelActive_[ch]) {
+            // Sound is back after a silence: start from clean filter memory, not a stale tail.
+            customEQ_->resetChannelState(ch);
+            correctionEQ_->resetChannelState(ch);
+            userParametricEQ_->resetChannelState(ch);
+            channelActive_[ch] = true;
+        }
+    }
+}
+
+void RouteDSPChain::updateHeadroom(double preSaturationPeak, double inputPeak, int frameCount) {
+    const double a = std::min(frameCount / (headroomAverageSeconds * std::max(sampleRate_, 1.0)), 1.0);
+    preSaturationEma_ += a * (preSaturationPeak - preSaturationEma_);
+    inputPeakEma_ += a * (inputPeak - inputPeakEma_);
+    if (preSaturationEma_ > Limiter::kneeStart && preSaturationEma_ > headroomBoostRatio * inputPeakEma_) {
+        const double r = inputPeakEma_ > 0 ? std::min(inputPeakEma_ / preSaturationEma_, 1.0) : headroomFloor;
+        headroomTarget_ = std::max({Limiter::kneeStart / preSaturationEma_, r, headroomFloor});
+    } else {
+        headroomTarget_ = 1.0;
+    }
+}
+
+// Route gain × trim × ceiling, then the ramped headroom and unmute gains, then the limiter.
+// Returns (through preSaturationPeak) the block's peak after the scalar gains and before the
+// headroom gain: the level the route's own settings drive into the limiter.
+void RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak) {
+    const int c = channelCount_;
+    float peak = 0.0f;
+    const bool steady = headroomGain_ == headroomTarget_ && muteGain_ == 1.0f;
+    if (steady) {
+        const float g = static_cast<float>(headroomGain_);
+        const int n = frameCount * c;
+        for (int i = 0; i < n; ++i) {
+            const float v = samples[i] * scalarGain;
+            peak = std::max(peak, std::fabs(v));
+            samples[i] = v * g;
+        }
+    } else {
+        const double rateScale = 48000.0 / sampleRate_;
+        const double down = headroomDownStepAt48k * rateScale, up = headroomUpStepAt48k * rateScale;
+        const float muteStep = static_cast<float>(1.0 / std::max(1.0, unmuteRampSeconds * sampleRate_));
+        double hg = headroomGain_;
+        const double target = headroomTarget_;
+        float mg = muteGain_;
+        for (int f = 0; f < frameCount; ++f) {
+            if (hg > target) hg = std::max(hg - down, target);
+            else if (hg < target) hg = std::min(hg + up, target);
+            mg = std::min(mg + muteStep, 1.0f);
+            const float g = static_cast<float>(hg) * mg;
+            float* frame = samples + std::size_t(f) * c;
+            for (int ch = 0; ch < c; ++ch) {
+                const float v = frame[ch] * scalarGain;
+                peak = std::max(peak, std::fabs(v));
+                frame[ch] = v * g;
+            }
+        }
+        headroomGain_ = hg;
+        muteGain_ = mg;
+    }
+    preSaturationPeak = peak;
+    limiter_.processBlock(samples, frameCount * c);
+}
+
+void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
+    if (!samples || frameCount < 1) return;
+    const int c = channelCount_;
+    const int n = frameCount * c;
+    const bool muted = mutedAtomic_.load(std::memory_order_acquire);
+    const float gain = loadFloat(gainLinearFloatBits_);
+    const float trim = loadFloat(outputTrimLinearFloatBits_);
+    const float ceiling = loadFloat(ceilingAttenuationLinearFloatBits_);
+
+    std::fill(channelPeaks_.begin(), channelPeaks_.end(), 0.0f);
+    for (int f = 0; f < frameCount; ++f) {
+        const float* frame = samples + std::size_t(f) * c;
+        for (int ch = 0; ch < c; ++ch) channelPeaks_[ch] = std::max(channelPeaks_[ch], std::fabs(frame[ch]));
+    }
+    float inputPeak = 0.0f;
+    for (float p : channelPeaks_) inputPeak = std::max(inputPeak, p);
+
+    if (muted) {
+        std::memset(samples, 0, sizeof(float) * std::size_t(n));
+        muteGain_ = 0.0f;
+        inputMeter_.updateBlockPeak(0.0, frameCount);
+        outputMeter_.updateBlockPeak(0.0, frameCount);
+        beatMeter_.processSilence(frameCount);
+        updateHeadroom(0.0, 0.0, frameCount);
+        wasPassthrough_ = false;
+        wasPassthroughAtomic_.store(false, std::memory_order_release);
+        publishedHeadroomGain_.store(headroomGain_, std::memory_order_release);
+        return;
+    }
+
+    inputMeter_.updateBlockPeak(inputPeak, frameCount);
+    trackChannelActivity(channelPeaks_.data());
+
+    const TenBandEQ::ProcessingSnapshot eq = customEQ_->processingSnapshot();
+    const CorrectionEQ::ProcessingSnapshot correction = correctionEQ_->processingSnapshot();
+    const CorrectionEQ::ProcessingSnapshot parametric = userParametricEQ_->processingSnapshot();
+    const bool eqActive = !eq.isBypassed, correctionActive = correction.isActive(),
+               parametricActive = parametric.isActive();
+    const float scalarGain = gain * trim * ceiling;
+
+    // Pass-through: nothing to filter, unity overall gain, no ramp in progress and nothing for
+    // the limiter to do. The block is left exactly as it came.
+    const bool passthrough = !eqActive && !correctionActive && !parametricActive && scalarGain == 1.0f &&
+                             muteGain_ == 1.0f && headroomGain_ == 1.0 && headroomTarget_ == 1.0 &&
+                             inputPeak <= static_cast<float>(Limiter::kneeStart);
+
+    // A stage that comes back from bypass starts from clean memory rather than a stale tail.
+    if (eqActive && !customEQWasActive_) customEQ_->resetStateOnly();
+    if (correctionActive && !correctionWasActive_) correctionEQ_->resetStateOnly();
+    if (parametricActive && !parametricWasActive_) userParametricEQ_->resetStateOnly();
+    customEQWasActive_ = eqActive;
+    correctionWasActive_ = correctionActive;
+    parametricWasActive_ = parametricActive;
+
+    float outputPeak = 0.0f;
+    if (passthrough) {
+        outputPeak = inputPeak;
+        updateHeadroom(inputPeak, inputPeak, frameCount);
+    } else {
+        for (int ch = 0; ch < c; ++ch) {
+            customEQ_->processBlock(samples, frameCount, ch, c, eq);
+            correctionEQ_->processBlock(samples, frameCount, ch, c, correction);
+            userParametricEQ_->processBlock(samples, frameCount, ch, c, parametric);
+        }
+        float preSaturationPeak = 0.0f;
+        applyGainsAndLimit(samples, frameCount, scalarGain, preSaturationPeak);
+        for (int i = 0; i < n; ++i) {
+            // A non-finite sample (from non-finite input) must never reach the device.
+            if (!std::isfinite(samples[i])) samples[i] = 0.0f;
+            outputPeak = std::max(outputPeak, std::fabs(samples[i]));
+        }
+        updateHeadroom(preSaturationPeak, inputPeak, frameCount);
+    }
+    wasPassthrough_ = passthrough;
+    wasPassthroughAtomic_.store(passthrough, std::memory_order_release);
+    publishedHeadroomGain_.store(headroomGain_, std::memory_order_release);
+
+    outputMeter_.updateBlockPeak(outputPeak, frameCount);
+    if (inputPeak > silenceThreshold) beatMeter_.processBlock(samples, frameCount, c);
+    else beatMeter_.processSilence(frameCount);
+}
+
+double RouteDSPChain::finishSample(double x) {
+    const double scalar = loadDouble(gainLinearBits_) * loadDouble(outputTrimLinearBits_) *
+                          loadDouble(ceilingAttenuationLinearBits_);
+    return x * scalar;
+}
+
+double RouteDSPChain::process(double x) {
+    if (isMuted()) {
+        inputMeter_.update(0.0);
+        outputMeter_.update(0.0);
+        return 0.0;
+    }
+    inputMeter_.update(x);
+    double y = customEQ_->process(x);
+    y = correctionEQ_->process(y);
+    y = userParametricEQ_->process(y);
+    y = limiter_.process(finishSample(y));
+    outputMeter_.update(y);
+    return y;
+}
+
+std::pair<double, double> RouteDSPChain::processStereo(double left, double right) {
+    if (isMuted()) {
+        inputMeter_.update(0.0);
+        outputMeter_.update(0.0);
+        return {0.0, 0.0};
+    }
+    inputMeter_.update(std::max(std::abs(left), std::abs(right)));
+    auto [l, r] = customEQ_->processStereo(left, right);
+    std::tie(l, r) = correctionEQ_->processStereo(l, r);
+    std::tie(l, r) = userParametricEQ_->processStereo(l, r);
+    std::tie(l, r) = limiter_.processStereo(finishSample(l), finishSample(r));
+    outputMeter_.update(std::max(std::abs(l), std::abs(r)));
+    return {l, r};
+}
+
+} // namespace tarn

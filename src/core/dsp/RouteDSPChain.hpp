@@ -1,0 +1,142 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "core/dsp/BandBeatMeter.hpp"
+#include "core/dsp/CorrectionEQ.hpp"
+#include "core/dsp/Limiter.hpp"
+#include "core/dsp/PeakMeter.hpp"
+#include "core/dsp/TenBandEQ.hpp"
+#include "core/models/GenrePreset.hpp"
+#include "core/profiles/HeadphoneProfile.hpp"
+
+namespace tarn {
+
+// The one processing object of a route: ten-band EQ → headphone correction → user parametric
+// EQ → route gain × output trim (with the fixed make-up) × safety-ceiling attenuation →
+// automatic headroom → limiter, plus meters. Setters run on the control thread and publish
+// through atomics; processInterleaved runs on the real-time thread, in place, without locks or
+// allocation.
+class RouteDSPChain {
+public:
+    static constexpr double outputMakeupDb = 4.0;
+    static constexpr double outputMakeupLinear = 1.5848931924611136;
+    static constexpr float outputMakeupLinearFloat = 1.5848932f;
+
+    static constexpr double meterDecayMs = 300.0;
+    static constexpr double beatMeterDecayMs = 200.0;
+
+    // A channel whose block never exceeds −100 dBFS is silent; after this many silent blocks in
+    // a row it counts as inactive, and its filter memory is cleared when sound comes back.
+    static constexpr float silenceThreshold = 1.0e-5f;
+    static constexpr int silentBlocksBeforeInactive = 8;
+
+    // Muting clears the very next block; unmuting fades back in linearly over this time so
+    // the return is click-free.
+    static constexpr double unmuteRampSeconds = 0.005;
+
+    // Automatic headroom.
+    static constexpr double headroomAverageSeconds = 0.25;
+    static constexpr double headroomFloor = 0.25;
+    static constexpr double headroomBoostRatio = 1.05;
+    static constexpr double headroomDownStepAt48k = 0.00025;
+    static constexpr double headroomUpStepAt48k = 0.000005;
+
+    RouteDSPChain(int channelCount, double sampleRate);
+    RouteDSPChain(const RouteDSPChain&) = delete;
+    RouteDSPChain& operator=(const RouteDSPChain&) = delete;
+
+    // Control thread.
+    void setGain(double db);
+    void setOutputTrim(double db);
+    bool isMuted() const { return mutedAtomic_.load(std::memory_order_acquire); }
+    void setMuted(bool muted) { mutedAtomic_.store(muted); }
+    void setSafetyCeilingEnabled(bool enabled);
+    bool isSafetyCeilingEnabled() const { return safetyCeilingEnabled_; }
+    void recomputeSafetyCeiling();
+    void recomputeEffectiveQs(GenrePreset genre, const HeadphoneProfile* correctionProfile);
+    // Redesigns every stage and the meters for a new rate. The equalisers may be rebuilt while
+    // audio runs; the meters' time base may not, so call it before (re)starting the stream.
+    void rebuild(double sampleRate);
+    // Start-of-stream gain state: gains 1, averages 0, every channel active. Not while the
+    // real-time thread runs the chain.
+    void resetRealtimeState();
+
+    double routeGainDb() const { return routeGainDb_; }
+    double outputTrimDb() const { return outputTrimDb_; }
+    double ceilingAttenuationLinear() const { return ceilingAttenuationLinear_.load(std::memory_order_acquire); }
+    bool isSafetyCeilingActive() const { return isSafetyCeilingActive_.load(std::memory_order_acquire); }
+    // The last estimate of the combined peak gain (make-up included), whether or not the ceiling
+    // is enabled.
+    double estimatedPeakGainDb() const { return estimatedPeakGainDb_.load(std::memory_order_acquire); }
+    // The headroom gain at the end of the last block.
+    double headroomGain() const { return publishedHeadroomGain_.load(std::memory_order_acquire); }
+    // True when the last block took the pass-through shortcut (left untouched).
+    bool wasPassthrough() const { return wasPassthroughAtomic_.load(std::memory_order_acquire); }
+    int channelCount() const { return channelCount_; }
+    double sampleRate() const { return sampleRate_; }
+
+    TenBandEQ& customEQ() { return *customEQ_; }
+    CorrectionEQ& correctionEQ() { return *correctionEQ_; }
+    CorrectionEQ& userParametricEQ() { return *userParametricEQ_; }
+    Limiter& limiter() { return limiter_; }
+    PeakMeter& inputMeter() { return inputMeter_; }
+    PeakMeter& outputMeter() { return outputMeter_; }
+    BandBeatMeter& beatMeter() { return beatMeter_; }
+
+    // Real-time thread.
+    void processInterleaved(float* samples, int frameCount);
+    double process(double x);
+    std::pair<double, double> processStereo(double left, double right);
+
+private:
+    void publishLinear(std::atomic<std::uint64_t>& bits, std::atomic<std::uint32_t>& floatBits, double value);
+    static double loadDouble(const std::atomic<std::uint64_t>& bits);
+    static float loadFloat(const std::atomic<std::uint32_t>& bits);
+    void trackChannelActivity(const float* channelPeaks);
+    void updateHeadroom(double preSaturationPeak, double inputPeak, int frameCount);
+    void applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak);
+    double finishSample(double x);
+
+    int channelCount_;
+    double sampleRate_;
+    std::unique_ptr<TenBandEQ> customEQ_;
+    std::unique_ptr<CorrectionEQ> correctionEQ_;
+    std::unique_ptr<CorrectionEQ> userParametricEQ_;
+    Limiter limiter_;
+    PeakMeter inputMeter_;
+    PeakMeter outputMeter_;
+    BandBeatMeter beatMeter_;
+
+    double routeGainDb_ = 0.0;
+    double outputTrimDb_ = 0.0;
+    std::atomic<bool> mutedAtomic_{false};
+    bool safetyCeilingEnabled_ = true;
+    std::atomic<bool> isSafetyCeilingActive_{false};
+    std::atomic<double> ceilingAttenuationLinear_{1.0};
+    std::atomic<double> estimatedPeakGainDb_{0.0};
+    std::atomic<std::uint64_t> gainLinearBits_, outputTrimLinearBits_, ceilingAttenuationLinearBits_;
+    std::atomic<std::uint32_t> gainLinearFloatBits_, outputTrimLinearFloatBits_, ceilingAttenuationLinearFloatBits_;
+
+    // Real-time state.
+    float muteGain_ = 1.0f;
+    double headroomGain_ = 1.0;
+    double headroomTarget_ = 1.0;
+    double preSaturationEma_ = 0.0;
+    double inputPeakEma_ = 0.0;
+    std::vector<bool> channelActive_;
+    std::vector<int> channelSilentBlocks_;
+    std::vector<float> channelPeaks_;
+    bool wasPassthrough_ = false;
+    bool customEQWasActive_ = false;
+    bool correctionWasActive_ = false;
+    bool parametricWasActive_ = false;
+    std::atomic<double> publishedHeadroomGain_{1.0};
+    std::atomic<bool> wasPassthroughAtomic_{false};
+};
+
+} // namespace tarn

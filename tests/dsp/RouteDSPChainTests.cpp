@@ -1,0 +1,294 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "core/dsp/RouteDSPChain.hpp"
+#include "dsp/CookbookReference.hpp"
+#include "support/Signals.hpp"
+
+namespace tarn {
+namespace {
+
+using Shape = ParametricFilterSpec::Shape;
+
+// Runs `frames` frames of x through the chain in blocks of `block`, as the capture callback does.
+void run(RouteDSPChain& chain, std::vector<float>& x, int frames, int block, long offsetFrames = 0) {
+    const int c = chain.channelCount();
+    for (int done = 0; done < frames; done += block)
+        chain.processInterleaved(x.data() + std::size_t(offsetFrames + done) * c, std::min(block, frames - done));
+}
+
+float peakOf(const std::vector<float>& x) {
+    float p = 0;
+    for (float v : x) p = std::max(p, std::abs(v));
+    return p;
+}
+
+TEST(RouteDSPChain, NewChainAppliesOnlyTheFixedMakeup) {
+    RouteDSPChain chain(2, 48000);
+    EXPECT_EQ(RouteDSPChain::outputMakeupLinear, std::pow(10.0, 4.0 / 20.0));
+    auto x = test::interleavedSine(440, 48000, 0.1, 4800, 2);
+    const auto input = x;
+    run(chain, x, 4800, 512);
+    for (std::size_t i = 0; i < x.size(); ++i) ASSERT_EQ(x[i], input[i] * RouteDSPChain::outputMakeupLinearFloat) << i;
+    EXPECT_NEAR(peakOf(x), 0.1585, 5e-4);
+    EXPECT_EQ(chain.headroomGain(), 1.0);
+    EXPECT_FALSE(chain.isSafetyCeilingActive());
+    EXPECT_NEAR(chain.estimatedPeakGainDb(), 4.0, 1e-12);
+}
+
+TEST(RouteDSPChain, UnityOverallGainPassesAudioThroughUntouched) {
+    RouteDSPChain chain(2, 48000);
+    chain.setOutputTrim(-4);
+    auto x = test::interleavedSine(440, 48000, 0.8, 2048, 2);
+    const auto input = x;
+    run(chain, x, 2048, 256);
+    EXPECT_EQ(x, input);
+    EXPECT_TRUE(chain.wasPassthrough());
+    EXPECT_NEAR(chain.outputMeter().currentPeak(), 0.8, 1e-3);
+}
+
+TEST(RouteDSPChain, FullRouteMeasuredGainsMatchTheDesignedCascade) {
+    const double fs = 48000;
+    RouteDSPChain chain(2, fs);
+    const std::vector<double> gains = {3, 0, -4, 0, 2, 6, 0, -2, 5, 0};
+    for (int i = 0; i < 10; ++i) chain.customEQ().setGain(gains[i], i);
+    HeadphoneProfile correction;
+    correction.preampDb = -3.5;
+    correction.filters = {{Shape::lowShelf, 110, 4, 0.7}, {Shape::peaking, 3000, -2.5, 1.8}};
+    chain.correctionEQ().loadProfile(correction);
+    HeadphoneProfile user;
+    user.preampDb = -1;
+    user.filters = {{Shape::highShelf, 7000, 3, 0.7}};
+    chain.userParametricEQ().loadProfile(user);
+    chain.setGain(-6);
+    chain.setOutputTrim(-2);
+    chain.setSafetyCeilingEnabled(false);
+
+    for (double f : {62.0, 1000.0, 3000.0, 9000.0}) {
+        double expect = -3.5 - 1 - 6 - 2 + 4;
+        for (int i = 0; i < 10; ++i)
+            expect += test::prototypeMagnitudeDb(BiquadKind::peaking, fs, TenBandLayout::centerFrequenciesHz[i], gains[i], TenBandLayout::defaultQ, f);
+        expect += test::prototypeMagnitudeDb(BiquadKind::lowShelf, fs, 110, 4, 0.7, f);
+        expect += test::prototypeMagnitudeDb(BiquadKind::peaking, fs, 3000, -2.5, 1.8, f);
+        expect += test::prototypeMagnitudeDb(BiquadKind::highShelf, fs, 7000, 3, 0.7, f);
+        auto x = test::interleavedSine(f, fs, 0.05, 48000, 2);
+        run(chain, x, 48000, 480);
+        for (int ch = 0; ch < 2; ++ch)
+            EXPECT_NEAR(test::toDb(test::fittedAmplitude(x, 2, ch, f, fs, 24000, 24000) / 0.05), expect, 0.02) << f;
+    }
+}
+
+TEST(RouteDSPChain, SafetyCeilingFollowsEverySettingChange) {
+    RouteDSPChain chain(2, 48000);
+    EXPECT_EQ(chain.ceilingAttenuationLinear(), 1.0);
+    chain.customEQ().setGain(6, 5);   // 6 dB peak + 4 dB make-up
+    EXPECT_NEAR(chain.estimatedPeakGainDb(), 10.0, 0.05);
+    EXPECT_NEAR(chain.ceilingAttenuationLinear(), std::pow(10.0, -chain.estimatedPeakGainDb() / 20), 1e-12);
+    EXPECT_TRUE(chain.isSafetyCeilingActive());
+    chain.setGain(-12);
+    EXPECT_FALSE(chain.isSafetyCeilingActive());
+    chain.setGain(0);
+    chain.customEQ().setBypassed(true);
+    EXPECT_NEAR(chain.estimatedPeakGainDb(), 4.0, 1e-12);
+    chain.setSafetyCeilingEnabled(false);
+    EXPECT_EQ(chain.ceilingAttenuationLinear(), 1.0);
+    EXPECT_FALSE(chain.isSafetyCeilingActive());
+
+    // The attenuation reaches the audio: a −24 dB route gain into +12 dB of EQ at 1 kHz.
+    chain.setSafetyCeilingEnabled(true);
+    chain.customEQ().setBypassed(false);
+    HeadphoneProfile hot;
+    hot.preampDb = 6;
+    chain.correctionEQ().loadProfile(hot);
+    EXPECT_NEAR(chain.estimatedPeakGainDb(), 16.0, 0.05);
+    auto x = test::interleavedSine(1000, 48000, 0.01, 24000, 2);
+    run(chain, x, 24000, 512);
+    const double expect = 0.01 * test::fromDb(16.0) * chain.ceilingAttenuationLinear();
+    EXPECT_NEAR(test::fittedAmplitude(x, 2, 0, 1000, 48000, 12000, 12000), expect, expect * 0.01);
+}
+
+TEST(RouteDSPChain, MuteSilencesTheNextBlockAndUnmuteFadesBackIn) {
+    RouteDSPChain chain(2, 48000);
+    chain.setGain(-3);
+    auto x = test::interleavedSine(300, 48000, 0.5, 512, 2);
+    run(chain, x, 512, 512);
+    chain.setMuted(true);
+    EXPECT_TRUE(chain.isMuted());
+    x = test::interleavedSine(300, 48000, 0.5, 512, 2);
+    run(chain, x, 512, 512);
+    EXPECT_EQ(peakOf(x), 0.0f);
+    EXPECT_EQ(chain.routeGainDb(), -3);
+    EXPECT_LT(chain.outputMeter().currentPeak(), 0.5 * 0.98);
+    chain.setMuted(false);
+    std::vector<float> dc(2 * 960, 0.25f);
+    run(chain, dc, 960, 960);
+    const float full = 0.25f * float(std::pow(10.0, 1.0 / 20.0));   // −3 dB + 4 dB
+    EXPECT_LT(dc[0], full * 0.01f);
+    EXPECT_LT(dc[2 * 100], dc[2 * 200]);
+    EXPECT_NEAR(dc[2 * 959], full, 1e-6);
+    const int rampFrames = int(RouteDSPChain::unmuteRampSeconds * 48000);
+    EXPECT_NEAR(dc[2 * (rampFrames + 1)], full, 1e-6);
+}
+
+TEST(RouteDSPChain, ChannelBackFromSilenceStartsFromClearedFilterState) {
+    const double fs = 48000;
+    auto makeChain = [] {
+        auto c = std::make_unique<RouteDSPChain>(2, 48000);
+        c->customEQ().setGain(12, 0);   // long 31 Hz ring
+        c->setSafetyCeilingEnabled(false);
+        c->setGain(-12);
+        return c;
+    };
+    auto afterSilence = [&](int silentBlocks) {
+        auto chain = makeChain();
+        auto loud = test::interleavedSine(31, fs, 0.5, 4096, 2);
+        run(*chain, loud, 4096, 256);
+        // Left stays busy; right goes silent for silentBlocks blocks. Silence also ends the
+        // previous tail on the right, so only a reset makes it equal to a fresh chain.
+        std::vector<float> gap(2 * 256 * silentBlocks, 0.0f);
+        auto leftBusy = test::interleavedSine(31, fs, 0.5, 256 * silentBlocks, 2, {0});
+        for (std::size_t i = 0; i < gap.size(); i += 2) gap[i] = leftBusy[i];
+        run(*chain, gap, 256 * silentBlocks, 256);
+        auto back = test::interleavedSine(997, fs, 0.3, 256, 2, {1});
+        run(*chain, back, 256, 256);
+        return back;
+    };
+    auto fresh = makeChain();
+    auto expect = test::interleavedSine(997, fs, 0.3, 256, 2, {1});
+    run(*fresh, expect, 256, 256);
+
+    const auto reset = afterSilence(RouteDSPChain::silentBlocksBeforeInactive);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(reset[2 * i + 1], expect[2 * i + 1]) << i;
+    const auto notYet = afterSilence(1);
+    bool differs = false;
+    for (int i = 0; i < 256; ++i) differs |= notYet[2 * i + 1] != expect[2 * i + 1];
+    EXPECT_TRUE(differs) << "one silent block is not enough to count as inactive";
+}
+
+TEST(RouteDSPChain, NonFiniteInputNeverReachesTheOutputAndTheChainRecovers) {
+    RouteDSPChain chain(2, 48000);
+    chain.customEQ().setGain(6, 3);
+    HeadphoneProfile p;
+    p.filters = {{Shape::peaking, 500, 3, 1}};
+    chain.correctionEQ().loadProfile(p);
+    auto x = test::interleavedSine(250, 48000, 0.1, 256, 2);
+    x[40] = std::numeric_limits<float>::quiet_NaN();
+    x[41] = std::numeric_limits<float>::infinity();
+    chain.processInterleaved(x.data(), 256);
+    for (float v : x) ASSERT_TRUE(std::isfinite(v));
+
+    RouteDSPChain clean(2, 48000);
+    clean.customEQ().setGain(6, 3);
+    clean.correctionEQ().loadProfile(p);
+    auto a = test::interleavedSine(250, 48000, 0.1, 4096, 2), b = a;
+    chain.processInterleaved(a.data(), 4096);
+    clean.processInterleaved(b.data(), 4096);
+    EXPECT_EQ(a, b) << "the block after the fault runs from cleared state";
+    EXPECT_TRUE(std::isfinite(chain.inputMeter().currentPeak()));
+}
+
+TEST(RouteDSPChain, HeadroomFallsFastUnderOwnBoostsNeverBelowTheFloorAndRecoversSlowly) {
+    const double fs = 48000;
+    RouteDSPChain chain(2, fs);
+    chain.setSafetyCeilingEnabled(false);
+    chain.setGain(12);
+    for (int i = 4; i < 8; ++i) chain.customEQ().setGain(12, i);
+    const int block = 480;   // 10 ms
+    long frame = 0;
+    auto step = [&](double amplitude) {
+        auto x = test::interleavedSine(1000, fs, amplitude, block, 2, {}, frame);
+        chain.processInterleaved(x.data(), block);
+        frame += block;
+        return x;
+    };
+    double lowest = 1.0;
+    int blocksUntilBelowHalf = -1;
+    for (int b = 0; b < 300; ++b) {   // 3 s of a quiet input driven far over the knee
+        step(0.05);
+        lowest = std::min(lowest, chain.headroomGain());
+        if (blocksUntilBelowHalf < 0 && chain.headroomGain() < 0.5) blocksUntilBelowHalf = b + 1;
+    }
+    EXPECT_EQ(lowest, 0.25);
+    EXPECT_EQ(chain.headroomGain(), 0.25);
+    ASSERT_GT(blocksUntilBelowHalf, 0);
+    EXPECT_LE(blocksUntilBelowHalf, 30) << "headroom must engage within tens of milliseconds of the average";
+
+    // Remove the boost: the gain climbs back at 0.000005 per sample, about 3.1 s from the floor.
+    chain.setGain(0);
+    for (int i = 4; i < 8; ++i) chain.customEQ().setGain(0, i);
+    chain.setOutputTrim(-4);
+    for (int b = 0; b < 100; ++b) step(0.05);
+    EXPECT_GT(chain.headroomGain(), 0.4);
+    EXPECT_LT(chain.headroomGain(), 0.8) << "recovery takes seconds, not a block";
+    for (int b = 0; b < 300; ++b) step(0.05);
+    EXPECT_EQ(chain.headroomGain(), 1.0);
+}
+
+TEST(RouteDSPChain, HeadroomStaysAtUnityWithoutBoostHoweverLoud) {
+    RouteDSPChain chain(2, 44100);
+    chain.setOutputTrim(-4);
+    chain.setSafetyCeilingEnabled(false);
+    long frame = 0;
+    for (int b = 0; b < 200; ++b) {
+        auto x = test::interleavedSine(200, 44100, 1.4, 441, 2, {}, frame);
+        chain.processInterleaved(x.data(), 441);
+        frame += 441;
+        ASSERT_EQ(chain.headroomGain(), 1.0);
+        ASSERT_LE(peakOf(x), 0.98f);
+    }
+    EXPECT_TRUE(chain.limiter().isClipping());
+}
+
+TEST(RouteDSPChain, HeadroomTargetSettlesOnTheKneeOrTheInputLevel) {
+    const double fs = 48000;
+    RouteDSPChain chain(1, fs);
+    chain.setSafetyCeilingEnabled(false);
+    chain.setOutputTrim(-4);
+    chain.setGain(test::toDb(3.0));   // pre-limiter level = 3 × input
+    long frame = 0;
+    for (int b = 0; b < 1000; ++b) {
+        auto x = test::interleavedSine(500, fs, 0.5, 480, 1, {}, frame);
+        chain.processInterleaved(x.data(), 480);
+        frame += 480;
+    }
+    // preSaturation 1.5, input 0.5: max(0.83/1.5, 0.5/1.5, 0.25) = 0.5533.
+    EXPECT_NEAR(chain.headroomGain(), 0.83 / 1.5, 2e-3);
+}
+
+TEST(RouteDSPChain, SingleSampleEntryPointsFollowTheSameOrder) {
+    RouteDSPChain chain(2, 48000);
+    chain.customEQ().setGain(6, 5);
+    chain.setGain(-10);
+    chain.setSafetyCeilingEnabled(false);
+    TenBandEQ reference(2, 48000);
+    reference.setGain(6, 5);
+    const double scale = std::pow(10.0, -10.0 / 20.0) * RouteDSPChain::outputMakeupLinear;
+    for (int i = 0; i < 200; ++i) {
+        const double x = 0.3 * std::sin(0.13 * i);
+        auto [l, r] = chain.processStereo(x, -x);
+        auto [el, er] = reference.processStereo(x, -x);
+        ASSERT_NEAR(l, el * scale, 1e-12);
+        ASSERT_NEAR(r, er * scale, 1e-12);
+    }
+    chain.setMuted(true);
+    EXPECT_EQ(chain.process(0.5), 0.0);
+    chain.setMuted(false);
+    EXPECT_NEAR(chain.process(5.0), 0.98, 1e-3) << "the limiter ends the single-sample path";
+}
+
+TEST(RouteDSPChain, RecomputeEffectiveQsSoftensTheGenreUnderCorrection) {
+    RouteDSPChain chain(2, 48000);
+    HeadphoneProfile p;
+    chain.recomputeEffectiveQs(GenrePreset::edm, &p);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_NEAR(chain.customEQ().bands()[i].q, 0.25 * qVector(GenrePreset::edm)[i] + 0.75 * TenBandLayout::defaultQ, 1e-12);
+    chain.recomputeEffectiveQs(GenrePreset::edm, nullptr);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(chain.customEQ().bands()[i].q, qVector(GenrePreset::edm)[i]);
+}
+
+} // namespace
+} // namespace tarn
