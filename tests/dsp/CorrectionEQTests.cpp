@@ -92,13 +92,13 @@ TEST(CorrectionEQ, NewProfilesStartWithFreshStateAndOldBanksAreRetainedASecond) 
     EXPECT_EQ(eq.activeBank().filters[0]->channelState(0), BiquadFilter::ChannelState{});
     now = 51.0;
     eq.loadProfile(makeProfile(0, {}));
-    // The bank the constructor published (retired at 50.0) has gone; the first profile's bank
-    // (retired at 50.4) is only 0.6 s old.
-    ASSERT_EQ(eq.retainedBanks().size(), 3u);
-    EXPECT_EQ(eq.retainedBanks()[0].bank.get(), first);
+    // The constructor's empty bank was retired exactly 1.0 s ago: still kept.
+    ASSERT_EQ(eq.retainedBanks().size(), 4u);
+    EXPECT_EQ(eq.retainedBanks()[1].bank.get(), first);
     now = 51.41;
-    eq.removeProfile();
-    EXPECT_NE(eq.retainedBanks()[0].bank.get(), first);
+    eq.removeProfile();   // the first profile's bank, retired at 50.4, is now 1.01 s old
+    ASSERT_EQ(eq.retainedBanks().size(), 3u);
+    for (const auto& r : eq.retainedBanks()) EXPECT_NE(r.bank.get(), first);
 }
 
 TEST(CorrectionEQ, RebuildDesignsAtTheNewRateOnlyForSensibleRates) {

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "core/dsp/CorrectionAwareQ.hpp"
 #include "core/dsp/OutputSafetyCeiling.hpp"
@@ -13,6 +14,12 @@ namespace tarn {
 namespace {
 std::uint64_t bitsOf(double v) { return std::bit_cast<std::uint64_t>(v); }
 std::uint32_t bitsOf(float v) { return std::bit_cast<std::uint32_t>(v); }
+
+// The larger of peak and |v|, ignoring a non-finite v.
+inline float finiteMax(float peak, float v) {
+    const float m = std::fabs(v);
+    return m > peak && m <= std::numeric_limits<float>::max() ? m : peak;
+}
 } // namespace
 
 RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate)
@@ -26,12 +33,13 @@ RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate)
       gainLinearFloatBits_(bitsOf(1.0f)), outputTrimLinearFloatBits_(bitsOf(1.0f)),
       ceilingAttenuationLinearFloatBits_(bitsOf(1.0f)),
       channelActive_(channelCount_, true), channelSilentBlocks_(channelCount_, 0), channelPeaks_(channelCount_, 0.0f) {
-    // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB.
-    setOutputTrim(0.0);
+    // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB. The
+    // ceiling starts disengaged (attenuation 1.0) and is first computed on the first setting.
+    publishLinear(outputTrimLinearBits_, outputTrimLinearFloatBits_, outputMakeupLinear);
+    estimatedPeakGainDb_.store(outputMakeupDb);
     customEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
     correctionEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
     userParametricEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
-    recomputeSafetyCeiling();
 }
 
 void RouteDSPChain::publishLinear(std::atomic<std::uint64_t>& bits, std::atomic<std::uint32_t>& floatBits, double value) {
@@ -160,7 +168,7 @@ void RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float sca
         const int n = frameCount * c;
         for (int i = 0; i < n; ++i) {
             const float v = samples[i] * scalarGain;
-            peak = std::max(peak, std::fabs(v));
+            peak = finiteMax(peak, v);
             samples[i] = v * g;
         }
     } else {
@@ -178,7 +186,7 @@ void RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float sca
             float* frame = samples + std::size_t(f) * c;
             for (int ch = 0; ch < c; ++ch) {
                 const float v = frame[ch] * scalarGain;
-                peak = std::max(peak, std::fabs(v));
+                peak = finiteMax(peak, v);
                 frame[ch] = v * g;
             }
         }
@@ -198,10 +206,15 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     const float trim = loadFloat(outputTrimLinearFloatBits_);
     const float ceiling = loadFloat(ceilingAttenuationLinearFloatBits_);
 
+    // Peaks count finite samples only: one stray infinity must not pin the meters or the
+    // headroom averages for ever.
     std::fill(channelPeaks_.begin(), channelPeaks_.end(), 0.0f);
     for (int f = 0; f < frameCount; ++f) {
         const float* frame = samples + std::size_t(f) * c;
-        for (int ch = 0; ch < c; ++ch) channelPeaks_[ch] = std::max(channelPeaks_[ch], std::fabs(frame[ch]));
+        for (int ch = 0; ch < c; ++ch) {
+            const float m = std::fabs(frame[ch]);
+            if (m > channelPeaks_[ch] && m <= std::numeric_limits<float>::max()) channelPeaks_[ch] = m;
+        }
     }
     float inputPeak = 0.0f;
     for (float p : channelPeaks_) inputPeak = std::max(inputPeak, p);
