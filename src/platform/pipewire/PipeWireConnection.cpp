@@ -87,6 +87,7 @@ struct PipeWireConnection::Impl {
     };
     struct BoundMetadata {
         Impl* impl = nullptr;
+        std::string name;
         uint32_t id = 0;
         uint32_t permissions = 0;
         pw_proxy* proxy = nullptr;
@@ -98,7 +99,8 @@ struct PipeWireConnection::Impl {
     std::map<uint32_t, std::unique_ptr<BoundClient>> clients;
     std::map<uint32_t, PortRecord> ports;
     std::map<uint32_t, std::string> factories;
-    std::unique_ptr<BoundMetadata> metadata;
+    std::unique_ptr<BoundMetadata> metadata; // the session manager's "default"
+    std::unique_ptr<BoundMetadata> settings; // the daemon's "settings" (clock rate and quanta)
     int lastDoneSeq = 0;
     bool anyDone = false;
     int error = 0;
@@ -223,9 +225,12 @@ struct PipeWireConnection::Impl {
         } else if (std::strcmp(type, PW_TYPE_INTERFACE_Factory) == 0) {
             self->factories[id] = dictValue(props, PW_KEY_FACTORY_NAME);
         } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0) {
-            if (dictValue(props, PW_KEY_METADATA_NAME) != "default" || self->metadata) return;
+            auto name = dictValue(props, PW_KEY_METADATA_NAME);
+            auto& slot = name == "default" ? self->metadata : self->settings;
+            if ((name != "default" && name != "settings") || slot) return;
             auto md = std::make_unique<BoundMetadata>();
             md->impl = self;
+            md->name = name;
             md->id = id;
             md->permissions = permissions;
             md->proxy = static_cast<pw_proxy*>(
@@ -235,7 +240,7 @@ struct PipeWireConnection::Impl {
                                                           .property = &onMetadataProperty};
                 pw_proxy_add_object_listener(md->proxy, &md->listener, &events, md.get());
             }
-            self->metadata = std::move(md);
+            slot = std::move(md);
             self->notify();
         }
     }
@@ -262,11 +267,15 @@ struct PipeWireConnection::Impl {
             }
             self->ports.erase(p);
         } else if (self->factories.erase(id)) {
-        } else if (self->metadata && self->metadata->id == id) {
-            spa_hook_remove(&self->metadata->listener);
-            if (self->metadata->proxy) pw_proxy_destroy(self->metadata->proxy);
-            self->metadata.reset();
-            self->notify();
+        } else {
+            for (auto* slot : {&self->metadata, &self->settings}) {
+                if (*slot && (*slot)->id == id) {
+                    spa_hook_remove(&(*slot)->listener);
+                    if ((*slot)->proxy) pw_proxy_destroy((*slot)->proxy);
+                    slot->reset();
+                    self->notify();
+                }
+            }
         }
     }
 
@@ -281,10 +290,12 @@ struct PipeWireConnection::Impl {
             if (c->proxy) pw_proxy_destroy(c->proxy);
         }
         clients.clear();
-        if (metadata) {
-            spa_hook_remove(&metadata->listener);
-            if (metadata->proxy) pw_proxy_destroy(metadata->proxy);
-            metadata.reset();
+        for (auto* slot : {&metadata, &settings}) {
+            if (*slot) {
+                spa_hook_remove(&(*slot)->listener);
+                if ((*slot)->proxy) pw_proxy_destroy((*slot)->proxy);
+                slot->reset();
+            }
         }
     }
 };
@@ -382,6 +393,17 @@ PipeWireGraph PipeWireConnection::graph() const {
             else if (!json.is_discarded() && json.is_string())
                 g.defaultSinkName = json.get<std::string>();
         }
+    }
+    if (impl_->settings) {
+        auto number = [&](const char* key, uint32_t fallback) {
+            auto it = impl_->settings->entries.find({0, key});
+            uint32_t v = it == impl_->settings->entries.end() ? 0 : parseU32(it->second);
+            return v ? v : fallback;
+        };
+        g.clockRate = number("clock.force-rate", number("clock.rate", g.clockRate));
+        g.minQuantum = number("clock.min-quantum", g.minQuantum);
+        g.maxQuantum = number("clock.max-quantum", g.maxQuantum);
+        g.quantum = number("clock.force-quantum", number("clock.quantum", g.quantum));
     }
     return g;
 }

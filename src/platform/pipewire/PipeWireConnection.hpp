@@ -59,6 +59,11 @@ struct PipeWireGraph {
     bool hasDefaultMetadata = false;
     uint32_t defaultMetadataPermissions = 0;
     std::vector<std::string> factories;
+    // The graph's clock from the daemon's "settings" metadata (PipeWire's defaults when absent).
+    uint32_t clockRate = 48000;
+    uint32_t quantum = 1024;
+    uint32_t minQuantum = 32;
+    uint32_t maxQuantum = 2048;
 
     const PipeWireNodeRecord* node(uint32_t id) const;
     const PipeWireNodeRecord* nodeNamed(const std::string& nodeName) const;
@@ -117,6 +122,7 @@ public:
 
     pw_thread_loop* threadLoop() const { return loop_; }
     pw_core* core() const { return core_; }
+    pw_context* context() const { return context_; }
 
     struct Impl;
 

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/audio/AudioPlatform.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
+
+namespace tarn {
+
+// The audio platform on PipeWire.
+//
+// - A tap records which application (its pid, else its identity) is captured and in which format
+//   (the graph's rate; two channels, or the chosen sink's channel layout).
+// - The aggregate device is a private virtual sink, "Tarn Capture " + identity, created by this
+//   client (so it dies with it). Every output stream of the application is moved onto it through
+//   `target.object` in the session manager's "default" metadata, and streams that appear later
+//   follow while it exists. Destroying it removes those entries, so the application goes back to
+//   its normal output; if the process dies, the sink goes with its client and the metadata guard
+//   (a small watchdog process) removes the entries.
+// - An I/O procedure is a capture stream on that sink's monitor; an output unit is a playback
+//   stream on the chosen sink. A route's capture sink and playback stream share a `node.group`,
+//   so the output device's clock drives both and they run in the same graph cycle.
+// - Buffer sizes are `node.latency` requests; the size in force is the quantum the stream's graph
+//   cycle really has, known once the stream runs.
+class PipeWirePlatform final : public AudioPlatform {
+public:
+    // Connects to the daemon. Throws PipeWireError when none answers.
+    PipeWirePlatform();
+    explicit PipeWirePlatform(std::shared_ptr<PipeWireConnection> connection);
+    ~PipeWirePlatform() override;
+
+    PipeWireConnection& connection() { return *connection_; }
+
+    // The failure that ended a running stream of this unit or I/O procedure (its sink went away,
+    // the daemon closed the connection), or none while it runs normally.
+    std::optional<std::string> outputUnitFailure(OutputUnitHandle unit);
+    std::optional<std::string> ioProcFailure(IOProcHandle handle);
+
+    Status createProcessTap(const TapDescription& description, ObjectID& tapID) override;
+    Status tapUID(ObjectID tapID, std::string& uid) override;
+    Status tapFormat(ObjectID tapID, AudioStreamFormat& format) override;
+    Status destroyProcessTap(ObjectID tapID) override;
+    Status createAggregateDevice(const AggregateDeviceDescription& description, ObjectID& deviceID) override;
+    Status destroyAggregateDevice(ObjectID deviceID) override;
+    Status createIOProc(ObjectID deviceID, IOProc proc, void* context, IOProcHandle& handle) override;
+    Status destroyIOProc(ObjectID deviceID, IOProcHandle handle) override;
+    Status startDevice(ObjectID deviceID, IOProcHandle handle) override;
+    Status stopDevice(ObjectID deviceID, IOProcHandle handle) override;
+
+    bool hasOutputUnitComponent() override;
+    Status createOutputUnit(OutputUnitHandle& unit) override;
+    Status enableOutputIO(OutputUnitHandle unit) override;
+    Status setOutputUnitDevice(OutputUnitHandle unit, ObjectID deviceID) override;
+    Status setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t frames) override;
+    Status setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) override;
+    Status setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) override;
+    Status initializeOutputUnit(OutputUnitHandle unit) override;
+    Status startOutputUnit(OutputUnitHandle unit) override;
+    Status stopOutputUnit(OutputUnitHandle unit) override;
+    Status uninitializeOutputUnit(OutputUnitHandle unit) override;
+    Status disposeOutputUnit(OutputUnitHandle unit) override;
+
+    Status bufferFrameSizeRange(ObjectID deviceID, double& minimum, double& maximum) override;
+    Status setBufferFrameSize(ObjectID deviceID, std::uint32_t frames) override;
+    Status bufferFrameSize(ObjectID deviceID, std::uint32_t& frames) override;
+
+    Status removeListener(ListenerToken token) override;
+
+    Status processObjectList(std::vector<ObjectID>& processes) override;
+    Status processPID(ObjectID process, std::int32_t& pid) override;
+    Status processBundleID(ObjectID process, std::string& bundleID) override;
+    Status processIsRunningOutput(ObjectID process, bool& isRunning) override;
+    std::optional<RunningApplication> runningApplication(std::int32_t pid) override;
+    Status addProcessListListener(ChangeListener listener, ListenerToken& token) override;
+    Status addRunningOutputListener(ObjectID process, ChangeListener listener, ListenerToken& token) override;
+
+    Status outputDeviceList(std::vector<ObjectID>& devices) override;
+    Status defaultOutputDevice(ObjectID& deviceID) override;
+    Status deviceForUID(const std::string& uid, ObjectID& deviceID) override;
+    Status deviceUID(ObjectID deviceID, std::string& uid) override;
+    Status deviceName(ObjectID deviceID, std::string& name) override;
+    Status outputStreamChannelCounts(ObjectID deviceID, std::vector<std::uint32_t>& channelCounts) override;
+    Status addDeviceListListener(ChangeListener listener, ListenerToken& token) override;
+
+    struct Impl;
+
+private:
+    std::shared_ptr<PipeWireConnection> connection_;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace tarn
