@@ -1,0 +1,203 @@
+// The PipeWire platform on a real private sound server: capture sinks, metadata moves, capture and
+// playback streams, discovery and devices. The route engines on top are tested in RouteTests.
+
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "SoundSession.hpp"
+#include "core/audio/AudioRingBuffer.hpp"
+#include "platform/pipewire/PipeWireApplication.hpp"
+#include "platform/pipewire/PipeWirePlatform.hpp"
+#include "support/Signals.hpp"
+#include "support/SoundFiles.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace tarn::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A pass-through route made of platform steps only: capture into a ring, play the ring.
+struct PassThrough {
+    AudioRingBuffer ring{2, 16384};
+    static void capture(void* context, const AudioBufferList& input) {
+        auto* self = static_cast<PassThrough*>(context);
+        const auto& b = input.buffers[0];
+        self->ring.write(static_cast<const float*>(b.data), b.byteSize / (b.channelCount * sizeof(float)));
+    }
+    static void render(void* context, uint32_t frames, AudioBufferList& output) {
+        auto* self = static_cast<PassThrough*>(context);
+        self->ring.read(static_cast<float*>(output.buffers[0].data), frames);
+    }
+};
+
+class PipeWirePlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(session.isRunning()) << session.failure();
+        writeSoundFile(folder / "tone.wav", sineWave(1000.0, 0.25, 48000, 2, 48000 * 30));
+        platform = std::make_unique<PipeWirePlatform>();
+    }
+
+    // Starts pw-play and returns its process object once the platform lists it.
+    AudioPlatform::ObjectID startPlayer() {
+        player = std::make_unique<BackgroundProcess>(std::vector<std::string>{"pw-play", (folder / "tone.wav").string()});
+        AudioPlatform::ObjectID found = 0;
+        eventually(
+            [&] {
+                std::vector<AudioPlatform::ObjectID> list;
+                platform->processObjectList(list);
+                for (auto id : list) {
+                    int32_t pid = 0;
+                    if (platform->processPID(id, pid) == 0 && pid == player->pid()) found = id;
+                }
+                return found != 0;
+            },
+            5s);
+        return found;
+    }
+
+    SoundSession session;
+    TemporaryDirectory folder;
+    std::unique_ptr<PipeWirePlatform> platform;
+    std::unique_ptr<BackgroundProcess> player;
+};
+
+double level(const SoundData& data, int channel) {
+    // Skip the recorder's own start.
+    size_t first = std::min<size_t>(data.frameCount(), 9600);
+    size_t count = data.frameCount() - first;
+    return count < 4800 ? -1.0 : toneAmplitude(data, channel, 1000.0, first, count);
+}
+
+TEST_F(PipeWirePlatformTest, ListsThePlayerAndTheThreeTestSinks) {
+    auto process = startPlayer();
+    ASSERT_NE(process, 0u);
+    std::string identity;
+    ASSERT_EQ(platform->processBundleID(process, identity), 0);
+    EXPECT_EQ(identity, "pw-cat");
+    auto app = platform->runningApplication(player->pid());
+    ASSERT_TRUE(app.has_value());
+    EXPECT_EQ(app->localizedName, "pw-play");
+    EXPECT_TRUE(eventually(
+        [&] {
+            bool running = false;
+            return platform->processIsRunningOutput(process, running) == 0 && running;
+        },
+        3s));
+
+    std::vector<AudioPlatform::ObjectID> devices;
+    ASSERT_EQ(platform->outputDeviceList(devices), 0);
+    std::vector<std::string> uids;
+    for (auto d : devices) {
+        std::string uid;
+        platform->deviceUID(d, uid);
+        uids.push_back(uid);
+    }
+    EXPECT_EQ(uids, (std::vector<std::string>{"test-speakers", "test-headphones", "test-surround"}));
+    AudioPlatform::ObjectID def = 0, surround = 0;
+    ASSERT_EQ(platform->defaultOutputDevice(def), 0);
+    std::string defUID, name;
+    platform->deviceUID(def, defUID);
+    EXPECT_EQ(defUID, "test-speakers");
+    ASSERT_EQ(platform->deviceForUID("test-surround", surround), 0);
+    platform->deviceName(surround, name);
+    EXPECT_EQ(name, "Test Surround");
+    std::vector<uint32_t> counts;
+    platform->outputStreamChannelCounts(surround, counts);
+    EXPECT_EQ(counts, std::vector<uint32_t>{6});
+    AudioPlatform::ObjectID none = 0;
+    EXPECT_LT(platform->deviceForUID("no-such-sink", none), 0);
+}
+
+TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndReturnsAfterwards) {
+    auto process = startPlayer();
+    ASSERT_NE(process, 0u);
+    PassThrough route;
+
+    AudioPlatform::TapDescription tapDescription;
+    tapDescription.processes = {process};
+    tapDescription.name = "Tarn Tap pw-cat";
+    AudioPlatform::ObjectID tap = 0, aggregate = 0, headphones = 0;
+    ASSERT_EQ(platform->createProcessTap(tapDescription, tap), 0);
+    std::string tapUID;
+    ASSERT_EQ(platform->tapUID(tap, tapUID), 0);
+    AudioStreamFormat format;
+    ASSERT_EQ(platform->tapFormat(tap, format), 0);
+    EXPECT_EQ(format, (AudioStreamFormat{48000.0, 2}));
+    AudioPlatform::AggregateDeviceDescription aggregateDescription;
+    aggregateDescription.uid = "com.tarn.aggregate." + tapUID;
+    aggregateDescription.name = "Tarn Capture pw-cat";
+    aggregateDescription.taps = {{tapUID, true}};
+    ASSERT_EQ(platform->createAggregateDevice(aggregateDescription, aggregate), 0);
+    AudioPlatform::IOProcHandle io = 0;
+    ASSERT_EQ(platform->createIOProc(aggregate, &PassThrough::capture, &route, io), 0);
+    ASSERT_EQ(platform->startDevice(aggregate, io), 0);
+
+    ASSERT_EQ(platform->deviceForUID("test-headphones", headphones), 0);
+    AudioPlatform::OutputUnitHandle unit = 0;
+    ASSERT_EQ(platform->createOutputUnit(unit), 0);
+    ASSERT_EQ(platform->enableOutputIO(unit), 0);
+    ASSERT_EQ(platform->setOutputUnitDevice(unit, headphones), 0);
+    ASSERT_EQ(platform->setOutputUnitFormat(unit, format), 0);
+    ASSERT_EQ(platform->setRenderCallback(unit, &PassThrough::render, &route), 0);
+    ASSERT_EQ(platform->initializeOutputUnit(unit), 0);
+    ASSERT_EQ(platform->startOutputUnit(unit), 0);
+
+    // The capture sink is Tarn's own: it is neither an application nor an output device.
+    std::vector<AudioPlatform::ObjectID> devices;
+    platform->outputDeviceList(devices);
+    EXPECT_EQ(devices.size(), 3u);
+    uint32_t quantum = 0;
+    EXPECT_TRUE(eventually([&] { return platform->bufferFrameSize(headphones, quantum) == 0; }, 2s));
+    EXPECT_GT(quantum, 0u);
+
+    std::this_thread::sleep_for(300ms);
+    auto onHeadphones = recordSink("test-headphones", 2, 1.0);
+    auto onSpeakers = recordSink("test-speakers", 2, 1.0);
+    EXPECT_NEAR(toDb(level(onHeadphones, 0)), toDb(0.25), 0.5);
+    EXPECT_NEAR(toDb(level(onHeadphones, 1)), toDb(0.25), 0.5);
+    EXPECT_LT(level(onSpeakers, 0), 0.001) << "the unprocessed tone reached the speakers";
+
+    ASSERT_EQ(platform->stopOutputUnit(unit), 0);
+    ASSERT_EQ(platform->stopDevice(aggregate, io), 0);
+    EXPECT_EQ(platform->uninitializeOutputUnit(unit), 0);
+    EXPECT_EQ(platform->disposeOutputUnit(unit), 0);
+    EXPECT_EQ(platform->destroyIOProc(aggregate, io), 0);
+    EXPECT_EQ(platform->destroyAggregateDevice(aggregate), 0);
+    EXPECT_EQ(platform->destroyProcessTap(tap), 0);
+    // Destroying twice is harmless.
+    EXPECT_LT(platform->destroyAggregateDevice(aggregate), 0);
+
+    EXPECT_TRUE(eventually(
+        [&] {
+            PipeWireConnection::Lock lock(platform->connection());
+            return !platform->connection().defaultMetadataValueLocked(process, "target.object").has_value();
+        },
+        2s))
+        << "the target.object entry outlived the route";
+    std::this_thread::sleep_for(300ms);
+    auto back = recordSink("test-speakers", 2, 1.0);
+    EXPECT_NEAR(toDb(level(back, 0)), toDb(0.25), 0.5) << "the application did not return to the speakers";
+}
+
+TEST_F(PipeWirePlatformTest, PermissionProbeIsGrantedOnAnOrdinarySession) {
+    AudioPlatform::TapDescription probe;
+    probe.name = "Sorvi Permission Probe";
+    AudioPlatform::ObjectID tap = 0;
+    ASSERT_EQ(platform->createProcessTap(probe, tap), 0);
+    EXPECT_EQ(platform->destroyProcessTap(tap), 0);
+}
+
+TEST_F(PipeWirePlatformTest, TappingAProcessThatIsGoneFails) {
+    AudioPlatform::TapDescription description;
+    description.processes = {987654};
+    AudioPlatform::ObjectID tap = 0;
+    EXPECT_LT(platform->createProcessTap(description, tap), 0);
+}
+
+} // namespace
+} // namespace tarn::test
