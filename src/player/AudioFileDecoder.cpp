@@ -1,31 +1,19 @@
 #include "player/AudioFileDecoder.hpp"
 
 #include <algorithm>
-#include <mutex>
 
 #include <fmt/format.h>
+#include <sndfile.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/error.h>
-#include <libavutil/log.h>
-}
+#include "player/FFmpegLibrary.hpp"
 
 namespace tarn {
 namespace {
 
-std::string averror(int code) {
+std::string averror(const FFmpegLibrary& ff, int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, text, sizeof text);
+    ff.av_strerror(code, text, sizeof text);
     return text;
-}
-
-// FFmpeg writes its own diagnostics to stderr; every failure reaches the user through Error
-// instead, with the file named, so the library stays quiet.
-void silenceFFmpegLog() {
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
 }
 
 template <typename T>
@@ -45,69 +33,203 @@ void convertPlanar(std::uint8_t* const* planes, int channels, int firstFrame, in
 
 } // namespace
 
+// One way of reading a file; the decoder picks one when it opens the file.
 struct AudioFileDecoder::State {
     std::filesystem::path path;
-    AVFormatContext* format = nullptr;
-    AVCodecContext* codec = nullptr;
-    AVPacket* packet = nullptr;
-    AVFrame* frame = nullptr;
-    int streamIndex = -1;
     int sampleRate = 0;
     int channelCount = 0;
-    int frameOffset = 0;        // frames of `frame` already handed out
-    bool hasFrame = false;
-    bool isInputDone = false;   // demuxer exhausted, decoder flushed
-    bool isFinished = false;
 
-    ~State() {
-        av_frame_free(&frame);
-        av_packet_free(&packet);
-        avcodec_free_context(&codec);
-        avformat_close_input(&format);
-    }
+    virtual ~State() = default;
+    virtual int read(float* interleaved, int maxFrames) = 0;
+    virtual std::optional<std::int64_t> estimatedFrameCount() const = 0;
 
     [[noreturn]] void fail(const std::string& what) const {
         throw AudioFileDecoder::Error(fmt::format("{}: {}", path.string(), what));
     }
+    void checkFormat() const {
+        if (sampleRate <= 0) fail("the audio stream has no sample rate");
+        if (channelCount <= 0) fail("the audio stream has no channels");
+        if (channelCount > maxChannelCount)
+            fail(fmt::format("{} channels; at most {} are supported", channelCount, maxChannelCount));
+    }
+};
 
-    // Makes `frame` hold the next decoded frame; false at the end of the stream.
+namespace {
+
+// Uncompressed and lossless containers that libsndfile reads exactly, without loading FFmpeg.
+class SndfileState final : public AudioFileDecoder::State {
+public:
+    // Nothing when libsndfile does not read the file or it is better left to FFmpeg.
+    static std::unique_ptr<SndfileState> open(const std::filesystem::path& path) {
+        SF_INFO info{};
+        SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+        if (!file) return nullptr;
+        switch (info.format & SF_FORMAT_TYPEMASK) {
+            case SF_FORMAT_WAV:
+            case SF_FORMAT_WAVEX:
+            case SF_FORMAT_RF64:
+            case SF_FORMAT_W64:
+            case SF_FORMAT_AIFF:
+            case SF_FORMAT_FLAC:
+            case SF_FORMAT_CAF:
+                break;
+            default:
+                sf_close(file);
+                return nullptr;
+        }
+        auto state = std::unique_ptr<SndfileState>(new SndfileState(file, info));
+        state->path = path;
+        state->sampleRate = info.samplerate;
+        state->channelCount = info.channels;
+        state->checkFormat();
+        return state;
+    }
+
+    ~SndfileState() override { sf_close(file_); }
+
+    int read(float* interleaved, int maxFrames) override {
+        int done = 0;
+        while (done < maxFrames) {
+            const sf_count_t n = sf_readf_float(file_, interleaved + static_cast<std::size_t>(done) * channelCount,
+                                                maxFrames - done);
+            if (n <= 0) break;
+            done += static_cast<int>(n);
+        }
+        if (done < maxFrames && sf_error(file_) != SF_ERR_NO_ERROR)
+            fail(fmt::format("cannot decode: {}", sf_strerror(file_)));
+        return done;
+    }
+
+    std::optional<std::int64_t> estimatedFrameCount() const override {
+        if (info_.frames > 0 && info_.frames != SF_COUNT_MAX) return info_.frames;
+        return std::nullopt;
+    }
+
+private:
+    SndfileState(SNDFILE* file, const SF_INFO& info) : file_(file), info_(info) {}
+    SNDFILE* file_;
+    SF_INFO info_;
+};
+
+// Everything else FFmpeg reads: MP3, AAC/M4A, ALAC, Opus, ...
+class FFmpegState final : public AudioFileDecoder::State {
+public:
+    explicit FFmpegState(const std::filesystem::path& p) : ff_(loadLibrary(p)) {
+        path = p;
+        int rc = ff_.avformat_open_input(&format_, path.c_str(), nullptr, nullptr);
+        if (rc < 0) fail(fmt::format("cannot open: {}", averror(ff_, rc)));
+        rc = ff_.avformat_find_stream_info(format_, nullptr);
+        if (rc < 0) fail(fmt::format("not a readable audio file: {}", averror(ff_, rc)));
+
+        const AVCodec* decoder = nullptr;
+        streamIndex_ = ff_.av_find_best_stream(format_, AVMEDIA_TYPE_AUDIO, -1, -1, &decoder, 0);
+        if (streamIndex_ == AVERROR_DECODER_NOT_FOUND) fail("no decoder for its audio codec");
+        if (streamIndex_ < 0) fail("not an audio file (no audio stream found)");
+        for (unsigned i = 0; i < format_->nb_streams; ++i)
+            if (static_cast<int>(i) != streamIndex_) format_->streams[i]->discard = AVDISCARD_ALL;
+
+        const AVStream* stream = format_->streams[streamIndex_];
+        codec_ = ff_.avcodec_alloc_context3(decoder);
+        if (!codec_) fail("out of memory");
+        rc = ff_.avcodec_parameters_to_context(codec_, stream->codecpar);
+        if (rc < 0) fail(fmt::format("cannot set up the decoder: {}", averror(ff_, rc)));
+        rc = ff_.avcodec_open2(codec_, decoder, nullptr);
+        if (rc < 0) fail(fmt::format("cannot open the {} decoder: {}", decoder->name, averror(ff_, rc)));
+
+        sampleRate = codec_->sample_rate;
+        channelCount = codec_->ch_layout.nb_channels;
+        checkFormat();
+
+        packet_ = ff_.av_packet_alloc();
+        frame_ = ff_.av_frame_alloc();
+        if (!packet_ || !frame_) fail("out of memory");
+    }
+
+    ~FFmpegState() override {
+        ff_.av_frame_free(&frame_);
+        ff_.av_packet_free(&packet_);
+        ff_.avcodec_free_context(&codec_);
+        ff_.avformat_close_input(&format_);
+    }
+
+    int read(float* interleaved, int maxFrames) override {
+        int done = 0;
+        while (done < maxFrames && !isFinished_) {
+            if (!hasFrame_) {
+                if (!decodeNextFrame()) {
+                    isFinished_ = true;
+                    break;
+                }
+                hasFrame_ = true;
+                frameOffset_ = 0;
+            }
+            const int n = std::min(frame_->nb_samples - frameOffset_, maxFrames - done);
+            if (n > 0) convert(frameOffset_, n, interleaved + static_cast<std::size_t>(done) * channelCount);
+            done += n;
+            frameOffset_ += n;
+            if (frameOffset_ >= frame_->nb_samples) {
+                ff_.av_frame_unref(frame_);
+                hasFrame_ = false;
+            }
+        }
+        return done;
+    }
+
+    std::optional<std::int64_t> estimatedFrameCount() const override {
+        const AVStream* stream = format_->streams[streamIndex_];
+        if (stream->duration > 0) return ff_.av_rescale_q(stream->duration, stream->time_base, AVRational{1, sampleRate});
+        if (format_->duration > 0)
+            return ff_.av_rescale_q(format_->duration, AVRational{1, AV_TIME_BASE}, AVRational{1, sampleRate});
+        return std::nullopt;
+    }
+
+private:
+    static const FFmpegLibrary& loadLibrary(const std::filesystem::path& path) {
+        try {
+            return FFmpegLibrary::instance();
+        } catch (const std::runtime_error& e) {
+            throw AudioFileDecoder::Error(fmt::format("{}: {}", path.string(), e.what()));
+        }
+    }
+
+    // Makes frame_ hold the next decoded frame; false at the end of the stream.
     bool decodeNextFrame() {
         for (;;) {
-            int rc = avcodec_receive_frame(codec, frame);
+            int rc = ff_.avcodec_receive_frame(codec_, frame_);
             if (rc == 0) {
-                if (frame->sample_rate != sampleRate || frame->ch_layout.nb_channels != channelCount)
+                if (frame_->sample_rate != sampleRate || frame_->ch_layout.nb_channels != channelCount)
                     fail("the audio format changes in the middle of the file");
                 return true;
             }
             if (rc == AVERROR_EOF) return false;
-            if (rc != AVERROR(EAGAIN)) fail(fmt::format("cannot decode: {}", averror(rc)));
-            if (isInputDone) return false;
+            if (rc != AVERROR(EAGAIN)) fail(fmt::format("cannot decode: {}", averror(ff_, rc)));
+            if (isInputDone_) return false;
 
             // The decoder wants more input.
-            rc = av_read_frame(format, packet);
+            rc = ff_.av_read_frame(format_, packet_);
             if (rc == AVERROR_EOF) {
-                isInputDone = true;
-                avcodec_send_packet(codec, nullptr);   // drain what the decoder still holds
+                isInputDone_ = true;
+                ff_.avcodec_send_packet(codec_, nullptr);   // drain what the decoder still holds
                 continue;
             }
-            if (rc < 0) fail(fmt::format("cannot read: {}", averror(rc)));
-            if (packet->stream_index == streamIndex) {
-                rc = avcodec_send_packet(codec, packet);
-                av_packet_unref(packet);
-                if (rc < 0 && rc != AVERROR(EAGAIN)) fail(fmt::format("cannot decode: {}", averror(rc)));
+            if (rc < 0) fail(fmt::format("cannot read: {}", averror(ff_, rc)));
+            if (packet_->stream_index == streamIndex_) {
+                rc = ff_.avcodec_send_packet(codec_, packet_);
+                ff_.av_packet_unref(packet_);
+                if (rc < 0 && rc != AVERROR(EAGAIN)) fail(fmt::format("cannot decode: {}", averror(ff_, rc)));
             } else {
-                av_packet_unref(packet);
+                ff_.av_packet_unref(packet_);
             }
         }
     }
 
     void convert(int firstFrame, int frames, float* out) const {
         const int ch = channelCount;
-        const auto fmt = static_cast<AVSampleFormat>(frame->format);
-        std::uint8_t* const* planes = frame->extended_data;
+        const auto sampleFormat = static_cast<AVSampleFormat>(frame_->format);
+        std::uint8_t* const* planes = frame_->extended_data;
         const std::size_t packedOffset = static_cast<std::size_t>(firstFrame) * ch;
         const int samples = frames * ch;
-        switch (fmt) {
+        switch (sampleFormat) {
             case AV_SAMPLE_FMT_U8:
                 return convertPacked<std::uint8_t>(planes[0] + packedOffset, out, samples, 1.0f / 128, 128.0f);
             case AV_SAMPLE_FMT_S16:
@@ -115,7 +237,8 @@ struct AudioFileDecoder::State {
             case AV_SAMPLE_FMT_S32:
                 return convertPacked<std::int32_t>(planes[0] + packedOffset * 4, out, samples, 1.0f / 2147483648.0f);
             case AV_SAMPLE_FMT_S64:
-                return convertPacked<std::int64_t>(planes[0] + packedOffset * 8, out, samples, 1.0f / 9223372036854775808.0f);
+                return convertPacked<std::int64_t>(planes[0] + packedOffset * 8, out, samples,
+                                                   1.0f / 9223372036854775808.0f);
             case AV_SAMPLE_FMT_FLT:
                 std::copy_n(reinterpret_cast<const float*>(planes[0]) + packedOffset, samples, out);
                 return;
@@ -134,48 +257,30 @@ struct AudioFileDecoder::State {
             case AV_SAMPLE_FMT_DBLP:
                 return convertPlanar<double>(planes, ch, firstFrame, frames, out, 1.0f);
             default:
-                fail(fmt::format("unsupported sample format {}", static_cast<int>(fmt)));
+                fail(fmt::format("unsupported sample format {}", static_cast<int>(sampleFormat)));
         }
     }
+
+    const FFmpegLibrary& ff_;
+    AVFormatContext* format_ = nullptr;
+    AVCodecContext* codec_ = nullptr;
+    AVPacket* packet_ = nullptr;
+    AVFrame* frame_ = nullptr;
+    int streamIndex_ = -1;
+    int frameOffset_ = 0;        // frames of frame_ already handed out
+    bool hasFrame_ = false;
+    bool isInputDone_ = false;   // demuxer exhausted, decoder told to drain
+    bool isFinished_ = false;
 };
 
-AudioFileDecoder::AudioFileDecoder(const std::filesystem::path& path) : state_(std::make_unique<State>()) {
-    silenceFFmpegLog();
-    auto& s = *state_;
-    s.path = path;
+} // namespace
 
+AudioFileDecoder::AudioFileDecoder(const std::filesystem::path& path) {
     std::error_code ec;
-    if (std::filesystem::is_directory(path, ec)) s.fail("is a folder, not an audio file");
-    int rc = avformat_open_input(&s.format, path.c_str(), nullptr, nullptr);
-    if (rc < 0) s.fail(fmt::format("cannot open: {}", averror(rc)));
-    rc = avformat_find_stream_info(s.format, nullptr);
-    if (rc < 0) s.fail(fmt::format("not a readable audio file: {}", averror(rc)));
-
-    const AVCodec* decoder = nullptr;
-    s.streamIndex = av_find_best_stream(s.format, AVMEDIA_TYPE_AUDIO, -1, -1, &decoder, 0);
-    if (s.streamIndex == AVERROR_DECODER_NOT_FOUND) s.fail("no decoder for its audio codec");
-    if (s.streamIndex < 0) s.fail("holds no audio stream");
-    for (unsigned i = 0; i < s.format->nb_streams; ++i)
-        if (static_cast<int>(i) != s.streamIndex) s.format->streams[i]->discard = AVDISCARD_ALL;
-
-    const AVStream* stream = s.format->streams[s.streamIndex];
-    s.codec = avcodec_alloc_context3(decoder);
-    if (!s.codec) s.fail("out of memory");
-    rc = avcodec_parameters_to_context(s.codec, stream->codecpar);
-    if (rc < 0) s.fail(fmt::format("cannot set up the decoder: {}", averror(rc)));
-    rc = avcodec_open2(s.codec, decoder, nullptr);
-    if (rc < 0) s.fail(fmt::format("cannot open the {} decoder: {}", decoder->name, averror(rc)));
-
-    s.sampleRate = s.codec->sample_rate;
-    s.channelCount = s.codec->ch_layout.nb_channels;
-    if (s.sampleRate <= 0) s.fail("the audio stream has no sample rate");
-    if (s.channelCount <= 0) s.fail("the audio stream has no channels");
-    if (s.channelCount > maxChannelCount)
-        s.fail(fmt::format("{} channels; at most {} are supported", s.channelCount, maxChannelCount));
-
-    s.packet = av_packet_alloc();
-    s.frame = av_frame_alloc();
-    if (!s.packet || !s.frame) s.fail("out of memory");
+    if (std::filesystem::is_directory(path, ec))
+        throw Error(fmt::format("{}: is a folder, not an audio file", path.string()));
+    state_ = SndfileState::open(path);
+    if (!state_) state_ = std::make_unique<FFmpegState>(path);
 }
 
 AudioFileDecoder::~AudioFileDecoder() = default;
@@ -183,39 +288,7 @@ AudioFileDecoder::~AudioFileDecoder() = default;
 const std::filesystem::path& AudioFileDecoder::path() const { return state_->path; }
 int AudioFileDecoder::sampleRate() const { return state_->sampleRate; }
 int AudioFileDecoder::channelCount() const { return state_->channelCount; }
-
-std::optional<std::int64_t> AudioFileDecoder::estimatedFrameCount() const {
-    const AVStream* stream = state_->format->streams[state_->streamIndex];
-    if (stream->duration > 0)
-        return av_rescale_q(stream->duration, stream->time_base, AVRational{1, state_->sampleRate});
-    if (state_->format->duration > 0)
-        return av_rescale_q(state_->format->duration, AVRational{1, AV_TIME_BASE}, AVRational{1, state_->sampleRate});
-    return std::nullopt;
-}
-
-int AudioFileDecoder::read(float* interleaved, int maxFrames) {
-    auto& s = *state_;
-    int done = 0;
-    while (done < maxFrames && !s.isFinished) {
-        if (!s.hasFrame) {
-            if (!s.decodeNextFrame()) {
-                s.isFinished = true;
-                break;
-            }
-            s.hasFrame = true;
-            s.frameOffset = 0;
-        }
-        const int available = s.frame->nb_samples - s.frameOffset;
-        const int n = std::min(available, maxFrames - done);
-        if (n > 0) s.convert(s.frameOffset, n, interleaved + static_cast<std::size_t>(done) * s.channelCount);
-        done += n;
-        s.frameOffset += n;
-        if (s.frameOffset >= s.frame->nb_samples) {
-            av_frame_unref(s.frame);
-            s.hasFrame = false;
-        }
-    }
-    return done;
-}
+std::optional<std::int64_t> AudioFileDecoder::estimatedFrameCount() const { return state_->estimatedFrameCount(); }
+int AudioFileDecoder::read(float* interleaved, int maxFrames) { return state_->read(interleaved, maxFrames); }
 
 } // namespace tarn

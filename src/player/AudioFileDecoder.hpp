@@ -37,8 +37,11 @@ public:
     // frames; returns fewer only at the end of the file, and 0 once it is over.
     int read(float* interleaved, int maxFrames);
 
-private:
+    // The reader behind the decoder (libsndfile for WAV, AIFF, FLAC and the like, FFmpeg for
+    // the rest); defined in the source file.
     struct State;
+
+private:
     std::unique_ptr<State> state_;
 };
 
