@@ -1,0 +1,80 @@
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/io/JsonCodecs.hpp"
+#include "core/io/PreferencesStore.hpp"
+#include "core/io/RouteStatePersistence.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace tarn {
+namespace {
+
+// A desk of many routes, large enough that one write takes many write calls.
+RouteStatePersistence::State bigState(int routes, double gain) {
+    RouteStatePersistence::State state;
+    for (int i = 0; i < routes; ++i) {
+        AppRoute r(UUID::random(), "app." + std::to_string(i), "Application " + std::to_string(i), "sink." + std::to_string(i));
+        r.gainDb = gain;
+        r.importedParametricFilters.assign(10, {ParametricFilterSpec::Shape::peaking, 1000.0 + i, gain, 1.41});
+        r.channelEQDeltasDb.assign(2, std::vector<double>(10, gain / 3.0));
+        state.routes.push_back(std::move(r));
+    }
+    state.selectedRouteID = state.routes.front().id;
+    return state;
+}
+
+// A writer killed at any moment leaves either the previous or the new document, never a torn
+// one, and never none at all.
+TEST(CrashSafety, KilledWriterAlwaysLeavesAWholeDocument) {
+    test::TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    RouteStatePersistence persistence(store);
+    const auto first = bigState(300, -1.5);
+    const auto second = bigState(300, 2.25);
+    const std::string firstBytes = RouteStatePersistence::encode(first);
+    const std::string secondBytes = RouteStatePersistence::encode(second);
+    ASSERT_GT(firstBytes.size(), 300000u);
+    persistence.save(first);
+
+    std::mt19937 random(20240611);
+    std::uniform_int_distribution<int> delayMicroseconds(0, 40000);
+    int sawFirst = 0, sawSecond = 0;
+    constexpr int kills = 60;
+    for (int round = 0; round < kills; ++round) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (int n = 0;; ++n) store.setData(RouteStatePersistence::key, n % 2 ? firstBytes : secondBytes);
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(delayMicroseconds(random)));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself (it failed) in round " << round;
+
+        const auto data = store.data(RouteStatePersistence::key);
+        ASSERT_TRUE(data) << "round " << round;
+        ASSERT_TRUE(*data == firstBytes || *data == secondBytes)
+            << "round " << round << ": torn document of " << data->size() << " bytes";
+        const auto loaded = persistence.load();
+        ASSERT_TRUE(loaded);
+        (loaded->first == first ? sawFirst : sawSecond)++;
+    }
+    // Both documents must have been seen, or the kills did not land during real writing.
+    EXPECT_GT(sawFirst, 0);
+    EXPECT_GT(sawSecond, 0);
+
+    // Temporary files of the killed writers are cleared by the next successful write.
+    persistence.save(first);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"Tarn.routesState.v1.json"});
+}
+
+} // namespace
+} // namespace tarn

@@ -1,0 +1,146 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/io/PreferencesStore.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TemporaryDirectory;
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        if (value)
+            ::setenv(name, value, 1);
+        else
+            ::unsetenv(name);
+    }
+    ~ScopedEnv() {
+        if (old_)
+            ::setenv(name_, old_->c_str(), 1);
+        else
+            ::unsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+TEST(PreferencesStore, StoresOneFilePerKeyAndReplacesIt) {
+    TemporaryDirectory dir;
+    PreferencesStore store(dir / "nested" / "tarn");
+    EXPECT_FALSE(store.data("Tarn.savedPresets.v1"));
+
+    store.setData("Tarn.savedPresets.v1", "[1]");
+    store.setData("Tarn.savedPresets.v1", "[1,2]");
+    EXPECT_EQ(store.data("Tarn.savedPresets.v1"), "[1,2]");
+    EXPECT_EQ(readFile(dir / "nested/tarn/Tarn.savedPresets.v1.json"), "[1,2]");
+    store.setData("Tarn.routesState.v1", "{}");
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir / "nested/tarn")) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"Tarn.routesState.v1.json", "Tarn.savedPresets.v1.json"}));
+
+    store.remove("Tarn.routesState.v1");
+    store.remove("Tarn.routesState.v1");
+    EXPECT_FALSE(store.data("Tarn.routesState.v1"));
+
+    for (const char* bad : {"", "../escape", ".hidden", "a/b"}) EXPECT_THROW(store.setData(bad, "x"), PreferencesStore::Error) << bad;
+}
+
+TEST(PreferencesStore, DoublesReadBackIdentical) {
+    TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    const std::vector<double> values = {0.1 + 0.2, 1.0 / 3.0, -6.7, 1e-300, 5e-324, 1.7976931348623157e308, 816912000.123456789,
+                                        1.4142135623730951};
+    store.setJSON("Tarn.test.v1", values);
+    EXPECT_EQ(nlohmann::json::parse(*store.data("Tarn.test.v1")).get<std::vector<double>>(), values);
+
+    const nlohmann::json notFinite = {{"gainDb", std::numeric_limits<double>::quiet_NaN()}};
+    EXPECT_THROW(store.setJSON("Tarn.test.v1", notFinite), PreferencesStore::Error);
+    EXPECT_EQ(nlohmann::json::parse(*store.data("Tarn.test.v1")).get<std::vector<double>>(), values);
+}
+
+TEST(PreferencesStore, FolderFollowsTheEnvironment) {
+    {
+        ScopedEnv config("TARN_CONFIG_DIR", "/srv/tarn-config");
+        EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/srv/tarn-config"));
+    }
+    ScopedEnv noConfig("TARN_CONFIG_DIR", nullptr);
+    {
+        ScopedEnv xdg("XDG_CONFIG_HOME", "/home/ada/.cfg");
+        EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.cfg/tarn"));
+    }
+    ScopedEnv home("HOME", "/home/ada");
+    {
+        ScopedEnv relative("XDG_CONFIG_HOME", "relative/path"); // invalid by the XDG rules: ignored
+        EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.config/tarn"));
+    }
+    ScopedEnv noXdg("XDG_CONFIG_HOME", nullptr);
+    EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.config/tarn"));
+}
+
+TEST(PreferencesStore, FailedWriteKeepsThePreviousDocument) {
+    TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    const std::string previous = R"({"kept": true})";
+    store.setData("Tarn.big.v1", previous);
+
+    // A file-size limit makes the write of the big document fail half way, as a full disk would.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        try {
+            store.setData("Tarn.big.v1", std::string(100000, 'x'));
+        } catch (const PreferencesStore::Error& e) {
+            ::_exit(std::string(e.what()).find("Tarn.big.v1.json") != std::string::npos ? 0 : 3);
+        }
+        ::_exit(2);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the write did not fail with an error naming the document";
+    EXPECT_EQ(store.data("Tarn.big.v1"), previous);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"Tarn.big.v1.json"}); // no temporary file left
+}
+
+TEST(PreferencesStore, ReaderNeverTouchesAnUndecodableDocumentAndSetAsideKeepsIt) {
+    TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    store.setData("Tarn.savedPresets.v1", "{ not json");
+    EXPECT_EQ(store.data("Tarn.savedPresets.v1"), "{ not json");
+
+    auto aside = store.setAside("Tarn.savedPresets.v1");
+    ASSERT_TRUE(aside);
+    EXPECT_EQ(readFile(*aside), "{ not json");
+    EXPECT_NE(aside->filename().string().find("Tarn.savedPresets.v1.unreadable-"), std::string::npos);
+    EXPECT_FALSE(store.data("Tarn.savedPresets.v1"));
+    EXPECT_FALSE(store.setAside("Tarn.savedPresets.v1"));
+}
+
+} // namespace
+} // namespace tarn
