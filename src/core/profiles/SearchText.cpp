@@ -36,20 +36,22 @@ constexpr std::array<std::string_view, 0x180 - 0xC0> kLatinFolds = {
     "u", "u", "u", "u", "w", "w", "y", "y", "y", "z", "z", "z", "z", "z", "z", "s",
 };
 
-// Decodes one UTF-8 sequence at `i`; malformed bytes come back one at a time as themselves.
+constexpr std::uint32_t kMalformed = 0xFFFFFFFF;
+
+// Decodes one UTF-8 sequence at `i`; a malformed byte comes back alone as kMalformed.
 std::uint32_t nextCodePoint(std::string_view text, std::size_t& i, std::size_t& length) {
     const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
     const unsigned char lead = byte(i);
     const std::size_t need = (lead >> 5) == 0x6 ? 1 : (lead >> 4) == 0xE ? 2 : (lead >> 3) == 0x1E ? 3 : 0;
     if (need == 0) {
         length = 1;
-        return lead;
+        return lead < 0x80 ? lead : kMalformed;
     }
     std::uint32_t cp = lead & (0x3F >> need);
     for (std::size_t k = 1; k <= need; ++k) {
         if (i + k >= text.size() || (byte(i + k) & 0xC0) != 0x80) {
             length = 1;
-            return lead;
+            return kMalformed;
         }
         cp = (cp << 6) | (byte(i + k) & 0x3F);
     }

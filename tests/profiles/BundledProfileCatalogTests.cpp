@@ -1,0 +1,224 @@
+#include <algorithm>
+#include <fstream>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "core/io/JsonCodecs.hpp"
+#include "core/profiles/BundledProfileCatalog.hpp"
+#include "core/profiles/SearchText.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+const fs::path kCatalogFile = fs::path(TARN_SOURCE_DIR) / "data/profiles/catalog.json";
+
+const BundledProfileCatalog& catalog() {
+    static const BundledProfileCatalog shipped(kCatalogFile);
+    return shipped;
+}
+
+std::vector<std::string> names(const std::vector<const HeadphoneProfile*>& found) {
+    std::vector<std::string> out;
+    for (const auto* p : found) out.push_back(p->modelName);
+    return out;
+}
+
+std::set<std::string> nameSet(const std::vector<const HeadphoneProfile*>& found) {
+    auto list = names(found);
+    return {list.begin(), list.end()};
+}
+
+TEST(BundledProfileCatalog, EveryShippedProfileReadsBackToItsOwnJSON) {
+    std::ifstream in(kCatalogFile);
+    const json document = json::parse(in);
+    const auto& raw = document.at("profiles");
+    const auto& profiles = catalog().profiles();
+    ASSERT_EQ(profiles.size(), 556u);
+    ASSERT_EQ(raw.size(), profiles.size());
+    for (std::size_t i = 0; i < profiles.size(); ++i) EXPECT_EQ(json(profiles[i]), raw[i]) << profiles[i].id;
+    EXPECT_NE(catalog().source().find("AutoEq"), std::string::npos);
+}
+
+TEST(BundledProfileCatalog, LooksProfilesUpById) {
+    const auto* hd600 = catalog().profile("oratory1990.over-ear.sennheiser-hd-600");
+    ASSERT_NE(hd600, nullptr);
+    EXPECT_EQ(hd600->modelName, "Sennheiser HD 600");
+    EXPECT_EQ(hd600->wearStyle, HeadphoneWearStyle::overEar);
+    EXPECT_TRUE(hd600->isFeatured);
+    EXPECT_FALSE(hd600->filters.empty());
+    EXPECT_EQ(catalog().profile("Sennheiser HD 600"), nullptr);
+    EXPECT_EQ(catalog().profile(""), nullptr);
+    for (const auto& p : catalog().profiles()) EXPECT_EQ(catalog().profile(p.id), &p);
+}
+
+TEST(BundledProfileCatalog, BrandsKeepMultiWordMakersWhole) {
+    const auto brands = catalog().brands();
+    const std::set<std::string> set(brands.begin(), brands.end());
+    EXPECT_EQ(set.size(), brands.size());
+    for (const char* maker : {"Audio-Technica", "Bang & Olufsen", "Dan Clark Audio", "Final Audio", "Campfire Audio",
+                              "Bowers & Wilkins", "64 Audio", "Ultimate Ears", "Vision Ears", "Sennheiser", "HIFIMAN", "RØDE"})
+        EXPECT_TRUE(set.count(maker)) << maker;
+    for (const char* fragment : {"Dan", "Bang", "Final", "Audio", "Campfire", "Bowers", "64", "Vision", "Ultimate"})
+        EXPECT_FALSE(set.count(fragment)) << fragment;
+    EXPECT_TRUE(std::is_sorted(brands.begin(), brands.end(), [](const std::string& a, const std::string& b) {
+        return SearchText::fold(a) < SearchText::fold(b);
+    }));
+
+    // Every profile belongs to exactly one brand, and its name begins with that brand.
+    std::size_t total = 0;
+    for (const auto& brand : brands) {
+        const auto models = catalog().models(brand);
+        EXPECT_FALSE(models.empty()) << brand;
+        for (const auto* p : models) EXPECT_EQ(BundledProfileCatalog::brandOf(p->modelName), brand);
+        total += models.size();
+    }
+    EXPECT_EQ(total, catalog().profiles().size());
+}
+
+TEST(BundledProfileCatalog, ModelsOfABrandIgnoreCaseAndSortNumbersByValue) {
+    const auto dca = catalog().models("dan clark audio");
+    EXPECT_EQ(dca.size(), 17u);
+    EXPECT_EQ(catalog().models("DAN CLARK AUDIO"), dca);
+    EXPECT_EQ(catalog().models("rode").size(), 1u); // accents do not matter either
+    EXPECT_TRUE(catalog().models("Dan").empty());
+    EXPECT_TRUE(catalog().models("Nonexistent").empty());
+
+    const auto sennheiser = names(catalog().models("Sennheiser"));
+    EXPECT_EQ(sennheiser.size(), 50u);
+    const auto pos = [&](const char* n) { return std::find(sennheiser.begin(), sennheiser.end(), n) - sennheiser.begin(); };
+    EXPECT_LT(pos("Sennheiser HD 58X"), pos("Sennheiser HD 560S"));
+    EXPECT_LT(pos("Sennheiser HD 560S"), pos("Sennheiser HD 600"));
+    EXPECT_LT(pos("Sennheiser HD 800"), pos("Sennheiser HD 800 S"));
+
+    EXPECT_EQ(BundledProfileCatalog::brandOf("Dan Clark Audio Ether 2"), "Dan Clark Audio");
+    EXPECT_EQ(BundledProfileCatalog::modelOf("Dan Clark Audio Ether 2"), "Ether 2");
+    EXPECT_EQ(BundledProfileCatalog::brandOf("Danish Phones X1"), "Danish");
+    EXPECT_EQ(BundledProfileCatalog::brandOf("Final Audiophile 9"), "Final"); // a maker ends at a word boundary
+    EXPECT_EQ(BundledProfileCatalog::brandOf("Koss"), "Koss");
+    EXPECT_EQ(BundledProfileCatalog::modelOf("Koss"), "");
+}
+
+// Expected result sets below were worked out from the catalogue's names by hand and a separate
+// script, not by this implementation.
+TEST(BundledProfileCatalogSearch, EveryTypedWordMatchesTheStartOfAWord) {
+    EXPECT_EQ(nameSet(catalog().search("hd 6")),
+              (std::set<std::string>{"Sennheiser HD 600", "Sennheiser HD 630VB", "Sennheiser HD 650", "Sennheiser HD 660 S",
+                                     "Superlux HD 651", "Superlux HD 660", "Superlux HD 660 Pro 150 Ohm",
+                                     "Superlux HD 662F", "Superlux HD 668B", "Superlux HD 681"}));
+    EXPECT_EQ(nameSet(catalog().search("sundara")),
+              (std::set<std::string>{"HIFIMAN Sundara (post-2020 earpads)", "HIFIMAN Sundara (pre-2020 earpads)",
+                                     "HIFIMAN Sundara Closed-Back"}));
+    // Letters and digits split words, whichever way the user types them; "DT 1770" is not "DT 770".
+    const std::set<std::string> dt770 = {"Beyerdynamic DT 770 M", "Beyerdynamic DT 770 Pro"};
+    EXPECT_EQ(nameSet(catalog().search("dt770")), dt770);
+    EXPECT_EQ(nameSet(catalog().search("DT 770")), dt770);
+    EXPECT_EQ(nameSet(catalog().search("beyerdynamic dt-770")), dt770);
+    EXPECT_EQ(names(catalog().search("m50x")), std::vector<std::string>{"Audio-Technica ATH-M50x"});
+    EXPECT_EQ(names(catalog().search("ath-m50")), std::vector<std::string>{"Audio-Technica ATH-M50x"});
+    // Case and accents never matter.
+    EXPECT_EQ(names(catalog().search("rode")), std::vector<std::string>{"RØDE NTH-100"});
+    EXPECT_EQ(names(catalog().search("ERLKÖNIG")), std::vector<std::string>{"Vision Ears Erlkönig"});
+    EXPECT_EQ(names(catalog().search("erlkonig")), std::vector<std::string>{"Vision Ears Erlkönig"});
+    EXPECT_EQ(catalog().search("bang olufsen").size(), 3u);
+    EXPECT_EQ(catalog().search("audio technica").size(), 10u);
+    // A word matching only the middle of a word does not count.
+    EXPECT_TRUE(catalog().search("ennheiser").empty());
+    EXPECT_TRUE(catalog().search("sennheiser zzz").empty());
+}
+
+TEST(BundledProfileCatalogSearch, ExactThenPrefixThenFeaturedThenAlphabetical) {
+    // Exact beats a featured prefix match.
+    EXPECT_EQ(names(catalog().search("hd 800")), (std::vector<std::string>{"Sennheiser HD 800", "Sennheiser HD 800 S"}));
+    EXPECT_EQ(names(catalog().search("sennheiser hd600")).front(), "Sennheiser HD 600");
+    // Among prefix matches the featured come first, then numbers in order of value.
+    const auto hd6 = names(catalog().search("hd 6"));
+    ASSERT_GE(hd6.size(), 4u);
+    EXPECT_EQ(hd6[0], "Sennheiser HD 600");
+    EXPECT_EQ(hd6[1], "Sennheiser HD 650");
+    EXPECT_EQ(hd6[2], "Sennheiser HD 630VB");
+    EXPECT_EQ(hd6[3], "Sennheiser HD 660 S");
+    // "Sundara" leads all three names: the featured one comes first.
+    EXPECT_EQ(names(catalog().search("sundara")).front(), "HIFIMAN Sundara (post-2020 earpads)");
+    // A prefix of the model outranks a match further inside the name.
+    const auto pro = names(catalog().search("pro"));
+    ASSERT_FALSE(pro.empty());
+    EXPECT_EQ(BundledProfileCatalog::modelOf(pro.front()).substr(0, 3), "Pro") << pro.front();
+    // Results are stable from call to call and the limit cuts the same ranking.
+    const auto all = catalog().search("hd 6");
+    EXPECT_EQ(catalog().search("hd 6"), all);
+    EXPECT_EQ(catalog().search("hd 6", 3), std::vector<const HeadphoneProfile*>(all.begin(), all.begin() + 3));
+    EXPECT_TRUE(catalog().search("hd 6", 0).empty());
+}
+
+TEST(BundledProfileCatalogSearch, EmptyTextListsTheFeaturedProfiles) {
+    const auto featured = catalog().search("");
+    std::size_t expected = 0;
+    for (const auto& p : catalog().profiles()) expected += p.isFeatured;
+    EXPECT_EQ(expected, 47u);
+    ASSERT_EQ(featured.size(), expected);
+    for (const auto* p : featured) EXPECT_TRUE(p->isFeatured) << p->modelName;
+    EXPECT_EQ(catalog().search("   "), featured);
+    EXPECT_EQ(catalog().search(" - "), featured);
+    EXPECT_EQ(catalog().search("", 5).size(), 5u);
+}
+
+TEST(BundledProfileCatalogLoading, ReportsAMissingOrDamagedCatalogueClearly) {
+    test::TemporaryDirectory dir;
+    const auto expectError = [](const BundledProfileCatalog& c, const std::string& fragment) {
+        try {
+            (void)c.profiles();
+            ADD_FAILURE() << "no error for " << fragment;
+        } catch (const BundledProfileCatalog::LoadError& e) {
+            EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+        }
+    };
+    expectError(BundledProfileCatalog(dir / "missing.json"), "missing.json");
+
+    const auto write = [&](const char* name, const std::string& text) {
+        std::ofstream(dir / name) << text;
+        return dir / name;
+    };
+    expectError(BundledProfileCatalog(write("truncated.json", "{\"profiles\": [")), "damaged");
+    expectError(BundledProfileCatalog(write("empty.json", R"({"profiles": []})")), "no profiles");
+    json profile = json(*catalog().profile("oratory1990.over-ear.sennheiser-hd-600"));
+    expectError(BundledProfileCatalog(write("twice.json", json{{"profiles", {profile, profile}}}.dump())), "twice");
+    profile["wearStyle"] = "headband";
+    expectError(BundledProfileCatalog(write("badstyle.json", json{{"profiles", {profile}}}.dump())), "profile 1");
+
+    // A failed load is tried again once the file is there.
+    const fs::path later = dir / "later.json";
+    BundledProfileCatalog retried(later);
+    expectError(retried, "later.json");
+    fs::copy_file(kCatalogFile, later);
+    EXPECT_EQ(retried.profiles().size(), 556u);
+}
+
+TEST(BundledProfileCatalogLoading, DataFolderFromTheEnvironmentIsTheOnlyPlaceLooked) {
+    test::TemporaryDirectory dir;
+    const char* old = std::getenv("TARN_DATA_DIR");
+    const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
+    ::setenv("TARN_DATA_DIR", dir.path().c_str(), 1);
+    EXPECT_THROW(BundledProfileCatalog::locateCatalogFile(), BundledProfileCatalog::LoadError);
+    fs::create_directories(dir / "profiles");
+    fs::copy_file(kCatalogFile, dir / "profiles/catalog.json");
+    EXPECT_EQ(BundledProfileCatalog::locateCatalogFile(), dir / "profiles/catalog.json");
+    ::unsetenv("TARN_DATA_DIR");
+    EXPECT_TRUE(fs::exists(BundledProfileCatalog::locateCatalogFile()));
+    if (saved) ::setenv("TARN_DATA_DIR", saved->c_str(), 1);
+}
+
+TEST(SearchText, FoldsCaseAndLatinAccentsAndSplitsLettersFromDigits) {
+    EXPECT_EQ(SearchText::fold("RØDE Erlkönig Ærø Straße ÉCOLE"), "rode erlkonig aero strasse ecole");
+    EXPECT_EQ(SearchText::fold("日本 Ünï"), "日本 uni");
+    EXPECT_EQ(SearchText::tokens("wh-1000xm4 (anc on)"), (std::vector<std::string>{"wh", "1000", "xm", "4", "anc", "on"}));
+    EXPECT_EQ(SearchText::compact("Sennheiser HD 25-1 II"), "sennheiserhd251ii");
+    EXPECT_EQ(SearchText::fold(std::string("bad \xC3 end")), "bad \xC3 end"); // broken UTF-8 passes through
+}
+
+} // namespace
+} // namespace tarn
