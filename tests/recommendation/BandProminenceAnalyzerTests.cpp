@@ -1,0 +1,426 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <numeric>
+#include <random>
+
+#include "core/recommendation/BandProminenceAnalyzer.hpp"
+
+namespace tarn {
+namespace {
+
+// The analyser's numbers are checked against closed forms, not against its own FFT:
+//
+// A "multisine" is a sum of cosines placed exactly on the DFT bins of a 4096-sample window
+// (x[n] = Σ a_k cos(2πkn/N + φ_k)), repeated period after period. Every analysis window then
+// sees exactly one period, whose Hann-windowed spectrum is known in closed form:
+//   X[k] = N/2 · a_k · e^{jφ_k},   Xw[m] = s · (X[m] − X[m−1]/2 − X[m+1]/2),   s = √(2/3).
+// Band powers, the median reference and prominences follow from those by the stated band edges.
+
+constexpr int N = 4096;
+constexpr int Bins = N / 2;
+constexpr std::array<double, 10> Centres = {31, 62, 125, 250, 500, 1000, 2000, 4000, 8000, 16000};
+
+struct Multisine {
+    std::vector<double> amplitude = std::vector<double>(Bins, 0.0); // a_k, k = 0 … 2047 (a_0 unused)
+    std::vector<double> phase = std::vector<double>(Bins, 0.0);
+
+    // One period as float samples.
+    std::vector<float> period() const {
+        std::vector<double> cosTable(N), sinTable(N);
+        for (int i = 0; i < N; ++i) {
+            cosTable[i] = std::cos(2 * M_PI * i / N);
+            sinTable[i] = std::sin(2 * M_PI * i / N);
+        }
+        std::vector<double> x(N, 0.0);
+        for (int k = 1; k < Bins; ++k) {
+            if (amplitude[k] == 0) continue;
+            const double c = amplitude[k] * std::cos(phase[k]), s = amplitude[k] * std::sin(phase[k]);
+            for (int n = 0; n < N; ++n) {
+                const int idx = int((std::int64_t(k) * n) % N);
+                x[n] += c * cosTable[idx] - s * sinTable[idx];
+            }
+        }
+        return std::vector<float>(x.begin(), x.end());
+    }
+
+    // |Xw[m]|² for m = 0 … 2047.
+    std::vector<double> windowedPower() const {
+        auto X = [&](int k) -> std::complex<double> {
+            if (k <= 0 || k >= Bins) return 0.0;
+            return std::polar(N / 2.0 * amplitude[k], phase[k]);
+        };
+        const double s = std::sqrt(2.0 / 3.0);
+        std::vector<double> p(Bins);
+        for (int m = 0; m < Bins; ++m) p[m] = std::norm(s * (X(m) - 0.5 * X(m - 1) - 0.5 * X(m + 1)));
+        return p;
+    }
+};
+
+std::pair<int, int> bandBins(int band, double rate) {
+    const double bw = rate / N, upper = rate * 0.49;
+    const double lo = Centres[band] / std::sqrt(2.0), hi = std::min(upper, Centres[band] * std::sqrt(2.0));
+    if (!(lo < hi)) return {1, 0};
+    return {std::max(1, int(lo / bw)), std::min(Bins - 1, int(hi / bw))};
+}
+
+std::array<double, 10> bandPowers(const std::vector<double>& binPower, double rate) {
+    std::array<double, 10> out{};
+    for (int b = 0; b < 10; ++b) {
+        auto [first, last] = bandBins(b, rate);
+        if (last < first) { out[b] = NAN; continue; }
+        for (int k = first; k <= last; ++k) out[b] += binPower[k];
+    }
+    return out;
+}
+
+std::array<double, 10> expectedProminence(const std::array<double, 10>& powers) {
+    std::array<double, 10> level{};
+    std::vector<double> audible;
+    for (int b = 0; b < 10; ++b) {
+        level[b] = 10 * std::log10(std::max(std::isnan(powers[b]) ? 0.0 : powers[b], 1e-12));
+        if (level[b] > -110) audible.push_back(level[b]);
+    }
+    std::sort(audible.begin(), audible.end());
+    const std::size_t n = audible.size();
+    const double ref = n == 0 ? 0 : n % 2 ? audible[n / 2] : (audible[n / 2 - 1] + audible[n / 2]) / 2;
+    std::array<double, 10> out{};
+    for (int b = 0; b < 10; ++b) out[b] = level[b] <= -110 ? 0 : level[b] - ref;
+    return out;
+}
+
+// Pink (equal power per octave: a_k² ∝ 1/k) with random phases, `boostDb` added inside one band.
+Multisine pink(double rate, int boostedBand = -1, double boostDb = 0, unsigned seed = 7, double level = 0.02) {
+    Multisine m;
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> phase(0, 2 * M_PI);
+    for (int k = 1; k < Bins; ++k) {
+        m.amplitude[k] = level / std::sqrt(double(k));
+        m.phase[k] = phase(rng);
+    }
+    if (boostedBand >= 0) {
+        auto [first, last] = bandBins(boostedBand, rate);
+        for (int k = first; k <= last; ++k) m.amplitude[k] *= std::pow(10.0, boostDb / 20);
+    }
+    return m;
+}
+
+// Feeds whole periods through the tap in blocks of `block` frames, of `channels` identical
+// channels, draining after every `drainEvery` periods (the ring holds just under 8 windows).
+void feed(BandProminenceAnalyzer& analyzer, const std::vector<float>& period, int periods, int channels = 2,
+          int block = 480) {
+    std::vector<float> signal;
+    for (int p = 0; p < periods; ++p) signal.insert(signal.end(), period.begin(), period.end());
+    std::vector<float> interleaved(std::size_t(block) * channels);
+    std::size_t done = 0;
+    std::size_t sinceDrain = 0;
+    while (done < signal.size()) {
+        const std::size_t n = std::min<std::size_t>(block, signal.size() - done);
+        for (std::size_t i = 0; i < n; ++i)
+            for (int c = 0; c < channels; ++c) interleaved[i * channels + c] = signal[done + i];
+        analyzer.tap().write(interleaved.data(), int(n), channels);
+        done += n;
+        sinceDrain += n;
+        if (sinceDrain >= 6 * N) {
+            analyzer.drainNowForTesting();
+            sinceDrain = 0;
+        }
+    }
+    analyzer.drainNowForTesting();
+}
+
+std::unique_ptr<BandProminenceAnalyzer> startedAnalyzer(double rate) {
+    auto analyzer = std::make_unique<BandProminenceAnalyzer>();
+    analyzer->start(rate);
+    analyzer->stop(); // drained by hand in these tests
+    analyzer->tap().setEnabled(true);
+    return analyzer;
+}
+
+void expectProminence(const ProminenceSnapshot& snap, const std::array<double, 10>& expected, double tol) {
+    ASSERT_EQ(snap.prominenceDb.size(), 10u);
+    for (int b = 0; b < 10; ++b) EXPECT_NEAR(snap.prominenceDb[b], expected[b], tol) << "band " << b;
+}
+
+TEST(BandProminenceAnalyzer, HannWindowIsTheNormalisedPeriodicForm) {
+    const auto w = BandProminenceAnalyzer::hannWindow();
+    double meanSquare = 0;
+    for (float v : w) meanSquare += double(v) * v;
+    EXPECT_NEAR(meanSquare / N, 1.0, 1e-6);
+    EXPECT_EQ(w[0], 0.0f);
+    EXPECT_NEAR(w[N / 2], 2 * std::sqrt(2.0 / 3.0), 1e-6);
+    EXPECT_NEAR(w[N / 4], std::sqrt(2.0 / 3.0), 1e-6);
+    EXPECT_EQ(w.data(), BandProminenceAnalyzer::hannWindow().data()); // one shared table
+}
+
+TEST(BandProminenceAnalyzer, BandPowersOfASineFollowParseval) {
+    // A sine of amplitude A puts N²·A²/4 into the bins around it (the window's mean square is 1).
+    const double rate = 48000, A = 0.5;
+    std::vector<float> tone(3 * N);
+    for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = float(A * std::sin(2 * M_PI * 1000.0 * i / rate));
+    const auto levels = BandProminenceAnalyzer::bandPowersDb(tone, rate);
+    EXPECT_NEAR(levels[5], 10 * std::log10(double(N) * N * A * A / 4), 0.05);
+    for (int b : {0, 1, 2, 8, 9}) EXPECT_LT(levels[b], levels[5] - 60) << b;
+
+    const auto silent = BandProminenceAnalyzer::bandPowersDb(std::vector<float>(100, 0.0f), rate);
+    for (double l : silent) EXPECT_EQ(l, -120.0);
+    const auto nothing = BandProminenceAnalyzer::bandPowersDb({}, rate);
+    EXPECT_EQ(nothing[4], -120.0);
+}
+
+TEST(BandProminenceAnalyzer, UsableRangeEndsAt98PercentOfNyquist) {
+    // At 44.1 kHz the 16 kHz band ends at 0.98 × 22050 = 21609 Hz.
+    const double rate = 44100;
+    auto toneLevels = [&](double hz) {
+        std::vector<float> tone(2 * N);
+        for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = float(0.5 * std::sin(2 * M_PI * hz * i / rate));
+        return BandProminenceAnalyzer::bandPowersDb(tone, rate);
+    };
+    const double full = 10 * std::log10(double(N) * N * 0.25 / 4);
+    EXPECT_NEAR(toneLevels(21000)[9], full, 0.1);
+    EXPECT_LT(toneLevels(21800)[9], full - 60);
+    // At 16 kHz the 16 kHz band (from 11.3 kHz) lies wholly above the usable 7.84 kHz.
+    const auto low = BandProminenceAnalyzer::bandPowersDb(std::vector<float>(N, 0.1f), 16000);
+    EXPECT_TRUE(std::isnan(low[9]));
+    EXPECT_FALSE(std::isnan(low[8]));
+}
+
+TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
+    for (double rate : {48000.0, 44100.0}) {
+        SCOPED_TRACE(rate);
+        const auto control = pink(rate);
+        const auto boosted = pink(rate, 6, 6.0);
+
+        auto analyzer = startedAnalyzer(rate);
+        feed(*analyzer, control.period(), 10);
+        const auto controlSnap = analyzer->snapshot();
+        expectProminence(controlSnap, expectedProminence(bandPowers(control.windowedPower(), rate)), 0.01);
+        // Pink has equal power per octave: from 250 Hz up every band reads about the same (the
+        // fixed random phases leave a dB or so of ripple in the narrower bands).
+        for (int b = 3; b < 10; ++b) EXPECT_NEAR(controlSnap.prominenceDb[b], 0.0, 1.5) << b;
+
+        analyzer = startedAnalyzer(rate);
+        feed(*analyzer, boosted.period(), 10);
+        const auto snap = analyzer->snapshot();
+        expectProminence(snap, expectedProminence(bandPowers(boosted.windowedPower(), rate)), 0.01);
+        // Against a neighbour, the boosted band stands out by the 6 dB put in.
+        const double lift = (snap.prominenceDb[6] - snap.prominenceDb[4]) -
+                            (controlSnap.prominenceDb[6] - controlSnap.prominenceDb[4]);
+        EXPECT_NEAR(lift, 6.0, 0.15);
+        EXPECT_GT(snap.prominenceDb[6], 5.0);
+    }
+}
+
+TEST(BandProminenceAnalyzer, MonoMixdownIsTheMeanOfTheChannels) {
+    // Left carries three times the signal, right its negative: their mean is the signal itself.
+    const double rate = 48000;
+    const auto sig = pink(rate, 2, 9.0);
+    const auto period = sig.period();
+    auto analyzer = startedAnalyzer(rate);
+    std::vector<float> stereo(2 * N);
+    for (int rep = 0; rep < 6; ++rep) {
+        for (int i = 0; i < N; ++i) {
+            stereo[2 * i] = 3 * period[i];
+            stereo[2 * i + 1] = -period[i];
+        }
+        analyzer->tap().write(stereo.data(), N, 2);
+    }
+    analyzer->drainNowForTesting();
+    expectProminence(analyzer->snapshot(), expectedProminence(bandPowers(sig.windowedPower(), rate)), 0.01);
+}
+
+TEST(BandProminenceAnalyzer, SilenceIsNeverAnalysed) {
+    auto analyzer = startedAnalyzer(48000);
+    feed(*analyzer, std::vector<float>(N, 0.0f), 12);
+    EXPECT_EQ(analyzer->snapshot(), ProminenceSnapshot::empty());
+    // Just under the gate: RMS 0.0000999.
+    std::vector<float> faint(N);
+    for (int i = 0; i < N; ++i) faint[i] = (i % 2 ? 1 : -1) * 0.0000999f;
+    feed(*analyzer, faint, 3);
+    EXPECT_EQ(analyzer->snapshot(), ProminenceSnapshot::empty());
+    EXPECT_EQ(analyzer->snapshot().analyzedSeconds, 0.0);
+    // Just over it, and the snapshot appears.
+    for (float& v : faint) v *= 1.01f;
+    feed(*analyzer, faint, 1);
+    EXPECT_EQ(analyzer->snapshot().prominenceDb.size(), 10u);
+}
+
+TEST(BandProminenceAnalyzer, ConfidenceArrivesAtFourSecondsAnalysed) {
+    const double rate = 48000, w = N / rate;
+    auto analyzer = startedAnalyzer(rate);
+    const auto period = pink(rate).period();
+    feed(*analyzer, period, 46);
+    auto snap = analyzer->snapshot();
+    EXPECT_NEAR(snap.analyzedSeconds, 46 * w, 1e-9);
+    EXPECT_FALSE(snap.isConfident);
+    feed(*analyzer, period, 1);
+    snap = analyzer->snapshot();
+    EXPECT_NEAR(snap.analyzedSeconds, 47 * w, 1e-9);
+    EXPECT_TRUE(snap.isConfident);
+    EXPECT_NEAR(analyzer->songClockSeconds(), 47 * w, 1e-9);
+}
+
+TEST(BandProminenceAnalyzer, SmoothingWeighsTheTimeEachWindowStandsFor) {
+    const double rate = 48000, w = N / rate;
+    const auto a = pink(rate, 1, 12.0, 1), b = pink(rate, 8, 12.0, 2);
+    const auto pa = bandPowers(a.windowedPower(), rate), pb = bandPowers(b.windowedPower(), rate);
+    auto blend = [&](double alpha) {
+        std::array<double, 10> p{};
+        for (int i = 0; i < 10; ++i) p[i] = pa[i] + alpha * (pb[i] - pa[i]);
+        return expectedProminence(p);
+    };
+
+    // Back to back: the second window stands for one window length.
+    auto analyzer = startedAnalyzer(rate);
+    feed(*analyzer, a.period(), 1);
+    expectProminence(analyzer->snapshot(), expectedProminence(pa), 0.01); // the first fill is the window itself
+    feed(*analyzer, b.period(), 1);
+    expectProminence(analyzer->snapshot(), blend(w * 0.125), 0.01);
+
+    // After 5 s of silence the next window counts as 2.0 s, no more.
+    analyzer = startedAnalyzer(rate);
+    feed(*analyzer, a.period(), 1);
+    feed(*analyzer, std::vector<float>(N, 0.0f), 59); // 60 windows later: t = 5.12 s
+    feed(*analyzer, b.period(), 1);
+    expectProminence(analyzer->snapshot(), blend(2.0 * 0.125), 0.01);
+    EXPECT_NEAR(analyzer->snapshot().analyzedSeconds, 2 * w, 1e-12);
+
+    // Reset forgets everything: the next window is a first fill again.
+    analyzer->reset();
+    EXPECT_EQ(analyzer->snapshot(), ProminenceSnapshot::empty());
+    EXPECT_EQ(analyzer->songClockSeconds(), 0.0);
+    feed(*analyzer, b.period(), 1);
+    expectProminence(analyzer->snapshot(), expectedProminence(pb), 0.01);
+}
+
+TEST(BandProminenceAnalyzer, BandsAboveTheUsableRangeStayAtZero) {
+    // At 16 kHz the 16 kHz band is never measurable: it is 0 from the first fill and left out
+    // of the median.
+    const double rate = 16000;
+    const auto sig = pink(rate, 3, 6.0);
+    auto analyzer = startedAnalyzer(rate);
+    feed(*analyzer, sig.period(), 5);
+    const auto snap = analyzer->snapshot();
+    ASSERT_EQ(snap.prominenceDb.size(), 10u);
+    EXPECT_EQ(snap.prominenceDb[9], 0.0);
+    expectProminence(snap, expectedProminence(bandPowers(sig.windowedPower(), rate)), 0.01);
+}
+
+TEST(BandProminenceAnalyzer, AQuietBandIsExactlyZeroAndOutOfTheMedian) {
+    // Energy only in 500 Hz … 16 kHz: bins below 500 Hz's lower skirt are exactly empty.
+    const double rate = 48000;
+    Multisine m = pink(rate, -1, 0, 7, 0.002);
+    for (int k = 0; k < 60; ++k) m.amplitude[k] = 0;
+    auto analyzer = startedAnalyzer(rate);
+    feed(*analyzer, m.period(), 3);
+    const auto expected = expectedProminence(bandPowers(m.windowedPower(), rate));
+    EXPECT_EQ(expected[0], 0.0); // the closed form says these bands are silent
+    EXPECT_EQ(expected[2], 0.0);
+    const auto snap = analyzer->snapshot();
+    // The float FFT leaves a little rounding noise in empty bins; far below −110 dB it is silence.
+    EXPECT_EQ(snap.prominenceDb[0], 0.0);
+    EXPECT_EQ(snap.prominenceDb[2], 0.0);
+    for (int b = 5; b < 10; ++b) EXPECT_NEAR(snap.prominenceDb[b], expected[b], 0.05) << b;
+}
+
+TEST(BandProminenceAnalyzer, TrackModeAnalysesOneWindowPerSongSecond) {
+    const double rate = 48000, w = N / rate;
+    auto analyzer = startedAnalyzer(rate);
+    analyzer->setMode(BandProminenceAnalyzer::Mode::track);
+    EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::track);
+    const auto period = pink(rate).period();
+    // Windows start at 0, w, 2w, … (w = 85.3 ms): seconds 0, 1 and 2 each get one analysis
+    // over 35 windows (2.99 s).
+    feed(*analyzer, period, 35);
+    EXPECT_NEAR(analyzer->snapshot().analyzedSeconds, 3 * w, 1e-12);
+
+    // Recording a timeline needs every window: track is taken as settle.
+    analyzer->setTimelineRecording(true);
+    EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::settle);
+    analyzer->setMode(BandProminenceAnalyzer::Mode::track);
+    EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::settle);
+    feed(*analyzer, period, 5);
+    EXPECT_NEAR(analyzer->snapshot().analyzedSeconds, 8 * w, 1e-12);
+}
+
+TEST(BandProminenceAnalyzer, TimelineHoldsPerSecondRelativeLevels) {
+    // Windows start every w = 85.3 ms: 12 windows of `a` fill second 0, 12 of silence second 1,
+    // and 24 of `b` run from 2.05 s to 4.1 s.
+    const double rate = 48000;
+    const auto a = pink(rate, 2, 9.0, 3), b = pink(rate, 7, -9.0, 4);
+    auto analyzer = startedAnalyzer(rate);
+    analyzer->setTimelineRecording(true);
+    feed(*analyzer, a.period(), 12);
+    feed(*analyzer, std::vector<float>(N, 0.0f), 12);
+    feed(*analyzer, b.period(), 24);
+    const auto timeline = analyzer->timelineSnapshot();
+    ASSERT_EQ(timeline.size(), 5u);
+    // Each second holds the mean of its own windows' relative levels: no smoothing across time.
+    const auto ea = expectedProminence(bandPowers(a.windowedPower(), rate));
+    const auto eb = expectedProminence(bandPowers(b.windowedPower(), rate));
+    ASSERT_TRUE(timeline[0]);
+    for (int i = 0; i < 10; ++i) EXPECT_NEAR((*timeline[0])[i], ea[i], 0.01) << i;
+    EXPECT_FALSE(timeline[1]); // nothing but silence in second 1
+    for (int second : {2, 3, 4}) {
+        ASSERT_TRUE(timeline[second]);
+        for (int i = 0; i < 10; ++i) EXPECT_NEAR((*timeline[second])[i], eb[i], 0.01) << second << " " << i;
+    }
+    // The published snapshot, smoothed, lies between the two.
+    EXPECT_GT(analyzer->snapshot().prominenceDb[2], eb[2]);
+
+    analyzer->setTimelineRecording(false);
+    EXPECT_TRUE(analyzer->timelineSnapshot().empty());
+}
+
+TEST(BandProminenceAnalyzer, TimelineStopsAt600Seconds) {
+    const double rate = 8000; // a 10-minute song at a low rate keeps the test quick
+    const auto period = pink(rate).period();
+    auto analyzer = startedAnalyzer(rate);
+    analyzer->setTimelineRecording(true);
+    const int periods = int(610 * rate / N) + 1; // 610 s
+    feed(*analyzer, period, periods, 1, 4096);
+    const auto timeline = analyzer->timelineSnapshot();
+    ASSERT_EQ(timeline.size(), 600u);
+    EXPECT_TRUE(timeline[0]);
+    EXPECT_TRUE(timeline[599]);
+    EXPECT_GT(analyzer->snapshot().analyzedSeconds, 609.0); // the analysis itself goes on
+}
+
+TEST(AnalysisTap, MixesDownInChunksAndKeepsTheSongClock) {
+    AnalysisTap tap;
+    std::vector<float> stereo(2 * 10000);
+    for (int i = 0; i < 10000; ++i) {
+        stereo[2 * i] = float(i);
+        stereo[2 * i + 1] = float(i) + 1.0f;
+    }
+    tap.write(stereo.data(), 10000, 2); // disabled: ignored
+    EXPECT_EQ(tap.framesObserved(), 0);
+    EXPECT_EQ(tap.ring().availableFramesToRead(), 0);
+
+    tap.setEnabled(true);
+    tap.write(stereo.data(), 10000, 2);
+    EXPECT_EQ(tap.framesObserved(), 10000);
+    std::vector<float> mono(10000);
+    ASSERT_EQ(tap.ring().read(mono.data(), 10000), 10000);
+    for (int i = 0; i < 10000; ++i) ASSERT_EQ(mono[i], float(i) + 0.5f) << i;
+
+    tap.write(stereo.data(), 100, 0); // no channels: ignored
+    tap.setClockPaused(true);
+    tap.write(stereo.data(), 100, 2);
+    EXPECT_EQ(tap.framesObserved(), 10000);
+    EXPECT_EQ(tap.ring().availableFramesToRead(), 0);
+    tap.setClockPaused(false);
+
+    // A full ring drops audio, but the song clock counts every frame offered.
+    std::vector<float> big(2 * 40000, 0.25f);
+    tap.write(big.data(), 40000, 2);
+    EXPECT_EQ(tap.framesObserved(), 50000);
+    EXPECT_EQ(tap.ring().availableFramesToRead(), AnalysisTap::defaultFrameCapacity - 1);
+    tap.resetFramesObserved();
+    EXPECT_EQ(tap.framesObserved(), 0);
+}
+
+} // namespace
+} // namespace tarn
