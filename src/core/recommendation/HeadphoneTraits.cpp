@@ -1,35 +1,24 @@
 #include "core/recommendation/HeadphoneTraits.hpp"
 
 #include <cmath>
-#include <complex>
+#include <vector>
 
+#include "core/dsp/FrequencyResponse.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 
 namespace tarn {
 
-namespace {
-
-// Exact magnitude of one biquad section at `frequencyHz`, in dB.
-double sectionMagnitudeDb(const BiquadCoefficients& c, double frequencyHz, double sampleRate) {
-    const double w = 2.0 * M_PI * frequencyHz / sampleRate;
-    const std::complex<double> z1 = std::polar(1.0, -w);
-    const std::complex<double> z2 = z1 * z1;
-    const auto num = c.b0 + c.b1 * z1 + c.b2 * z2;
-    const auto den = 1.0 + c.a1 * z1 + c.a2 * z2;
-    return 20.0 * std::log10(std::abs(num) / std::abs(den));
-}
-
-} // namespace
-
 HeadphoneTraits HeadphoneTraits::from(const HeadphoneProfile& profile, double sampleRate) {
     HeadphoneTraits traits;
     traits.profileName = profile.modelName;
+    std::vector<BiquadCoefficients> cascade;
+    cascade.reserve(profile.filters.size());
+    for (const auto& filter : profile.filters) cascade.push_back(filter.coefficients(sampleRate));
     for (int band = 0; band < TenBandLayout::bandCount; ++band) {
-        const double fc = TenBandLayout::centerFrequenciesHz[band];
-        double correctionDb = 0.0;
-        for (const auto& filter : profile.filters)
-            correctionDb += sectionMagnitudeDb(filter.coefficients(sampleRate), fc, sampleRate);
-        traits.deviationDb[band] = std::isfinite(correctionDb) ? -correctionDb : 0.0;
+        const double correctionDb =
+            FrequencyResponse::magnitudeDb(cascade, TenBandLayout::centerFrequenciesHz[band], sampleRate);
+        // 0.0 − x rather than −x: a flat band reads +0.0, never "-0.0" in a reason.
+        traits.deviationDb[band] = std::isfinite(correctionDb) ? 0.0 - correctionDb : 0.0;
     }
     return traits;
 }
