@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <thread>
+#include <vector>
+
+#include "core/dsp/BiquadFilter.hpp"
+#include "core/dsp/CorrectionEQ.hpp"
+#include "core/dsp/RouteDSPChain.hpp"
+#include "core/dsp/TenBandEQ.hpp"
+#include "support/Signals.hpp"
+
+namespace tarn {
+namespace {
+
+// Every set the writer publishes is derived from one counter k (all values exact in float), so
+// a reader can tell a whole set from a mix of two.
+BiquadCoefficients setFor(std::uint32_t k) {
+    const double v = double(k);
+    return {v, 2 * v, 3 * v, -v, v + 1};
+}
+
+template <typename C> bool isWholeSet(const C& c) {
+    return c.b1 == 2 * c.b0 && c.b2 == 3 * c.b0 && c.a1 == -c.b0 && c.a2 == c.b0 + 1;
+}
+
+// Until a reader has once read consistently, its fallback is the identity it started with.
+template <typename C> struct TornCheck {
+    bool seenWhole = false;
+    float last = 0;
+    bool isTorn(const C& c) {
+        if (isWholeSet(c)) {
+            const bool backwards = float(c.b0) < last;
+            seenWhole = true;
+            last = float(c.b0);
+            return backwards;
+        }
+        return seenWhole || !(c == C());
+    }
+};
+
+TEST(BiquadSeqlock, ReadersNeverSeeATornSetWhileAWriterHammers) {
+    BiquadFilter filter(2);
+    filter.setCoefficients(setFor(1));
+    std::atomic<bool> done{false};
+    std::atomic<long> readerDistinct{0};
+    std::atomic<std::uint32_t> lastWritten{1};
+
+    // The writer keeps going until it has written plenty and the reader has seen many different
+    // sets (two shared cores may run the threads one after the other), with a time limit.
+    std::thread writer([&] {
+        const auto start = std::chrono::steady_clock::now();
+        std::uint32_t k = 2;
+        std::atomic<int> pause{0};
+        for (;; ++k) {
+            filter.setCoefficients(setFor(k));
+            // A short pause between edits leaves the reader windows to succeed in.
+            for (int spin = 0; spin < int(k % 256); ++spin) pause.fetch_add(1, std::memory_order_relaxed);
+            if (k >= 200000 && readerDistinct.load(std::memory_order_relaxed) >= 1000) break;
+            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(5)) break;
+        }
+        lastWritten.store(k);
+        done.store(true);
+    });
+    // A second, non-real-time reader through the double getter.
+    std::atomic<long> getterTorn{0};
+    std::thread getter([&] {
+        TornCheck<BiquadCoefficients> check;
+        while (!done.load())
+            if (check.isTorn(filter.coefficients())) getterTorn.fetch_add(1);
+    });
+
+    long torn = 0, reads = 0, distinct = 0;
+    float last = 0;
+    TornCheck<BiquadFloatCoefficients> check;
+    while (!done.load()) {
+        const BiquadFloatCoefficients c = filter.activeFloatSnapshot();
+        ++reads;
+        if (check.isTorn(c)) ++torn;
+        if (c.b0 != last) readerDistinct.store(++distinct, std::memory_order_relaxed);
+        last = c.b0;
+    }
+    writer.join();
+    getter.join();
+    EXPECT_EQ(torn, 0) << "torn or backwards, out of " << reads << " snapshots";
+    EXPECT_EQ(getterTorn.load(), 0);
+    EXPECT_GT(distinct, 1) << "the reader must have raced the writer for the test to mean anything";
+    EXPECT_EQ(filter.activeFloatSnapshot(), BiquadFloatCoefficients(setFor(lastWritten.load())));
+}
+
+TEST(BankPublication, TenBandBanksChangeWhileTheAudioThreadRunsThem) {
+    TenBandEQ eq(2, 48000);
+    eq.setGain(3, 5);
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        for (int i = 0; i < 3000; ++i) {
+            eq.setChannelDelta(double(i % 13) - 6, i % 10, i % 2);
+            eq.setGain(double(i % 25) - 12, (i * 7) % 10);
+            if (i % 100 == 0) eq.setChannelDeltas({});
+            if (i % 250 == 0) eq.applyQVector(std::vector<double>(10, 0.7 + 0.1 * (i % 7)));
+        }
+        done.store(true);
+    });
+    std::vector<float> block(2 * 256);
+    long blocks = 0;
+    bool finite = true;
+    while (!done.load() || blocks < 10) {
+        auto x = test::interleavedSine(440, 48000, 0.05, 256, 2, {}, blocks * 256);
+        const auto snap = eq.processingSnapshot();
+        for (int ch = 0; ch < 2; ++ch) eq.processBlock(x.data(), 256, ch, 2, snap);
+        for (float v : x) finite &= std::isfinite(v) && std::abs(v) < 1.0f;
+        ++blocks;
+    }
+    control.join();
+    EXPECT_TRUE(finite);
+    EXPECT_GT(blocks, 10);
+}
+
+TEST(BankPublication, ProfilesSwapWhileTheAudioThreadRunsThem) {
+    CorrectionEQ eq(2, 48000);
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        for (int i = 0; i < 2000; ++i) {
+            HeadphoneProfile p;
+            p.preampDb = -double(i % 7);
+            for (int f = 0; f < 1 + i % 20; ++f)
+                p.filters.push_back({ParametricFilterSpec::Shape::peaking, 100.0 * (f + 1), double(f % 5), 1.0});
+            if (i % 10 == 9) eq.removeProfile();
+            else eq.loadProfile(p);
+            eq.setBypassed(i % 17 == 0);
+        }
+        done.store(true);
+    });
+    long blocks = 0;
+    bool finite = true;
+    while (!done.load() || blocks < 10) {
+        auto x = test::interleavedSine(1000, 48000, 0.05, 128, 2, {}, blocks * 128);
+        const auto snap = eq.processingSnapshot();
+        for (int ch = 0; ch < 2; ++ch) eq.processBlock(x.data(), 128, ch, 2, snap);
+        for (float v : x) finite &= std::isfinite(v);
+        ++blocks;
+    }
+    control.join();
+    EXPECT_TRUE(finite);
+}
+
+TEST(BankPublication, WholeRouteChainUnderConstantControlChanges) {
+    RouteDSPChain chain(2, 48000);
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        HeadphoneProfile p;
+        p.preampDb = -3;
+        p.filters = {{ParametricFilterSpec::Shape::lowShelf, 100, 4, 0.7}, {ParametricFilterSpec::Shape::peaking, 3000, -3, 2}};
+        for (int i = 0; i < 1500; ++i) {
+            chain.setGain(double(i % 13) - 6);
+            chain.setOutputTrim(double(i % 5) - 4);
+            chain.customEQ().setGain(double(i % 9), i % 10);
+            chain.customEQ().setChannelDelta(1.5, i % 10, i % 2);
+            if (i % 3 == 0) chain.correctionEQ().loadProfile(p);
+            if (i % 7 == 0) chain.userParametricEQ().removeProfile();
+            if (i % 11 == 0) chain.recomputeEffectiveQs(GenrePreset::edm, i % 2 ? &p : nullptr);
+            chain.setMuted(i % 50 == 0);
+            (void)chain.inputMeter().currentPeak();
+            (void)chain.headroomGain();
+            (void)chain.limiter().isClipping();
+        }
+        done.store(true);
+    });
+    long blocks = 0;
+    bool bounded = true;
+    while (!done.load() || blocks < 10) {
+        auto x = test::interleavedSine(220, 48000, 0.5, 256, 2, {}, blocks * 256);
+        chain.processInterleaved(x.data(), 256);
+        for (float v : x) bounded &= std::abs(v) < 0.98f + 1e-6f;
+        ++blocks;
+    }
+    control.join();
+    EXPECT_TRUE(bounded);
+}
+
+} // namespace
+} // namespace tarn

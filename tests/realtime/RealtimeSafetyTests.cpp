@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "core/dsp/DenormalGuard.hpp"
+#include "core/dsp/RouteDSPChain.hpp"
+#include "support/Signals.hpp"
+
+// This binary replaces the global allocation functions and pthread_mutex_lock so it can count
+// what the audio thread does while the flag below is raised around its calls.
+namespace {
+thread_local bool auditing = false;
+std::atomic<long> auditedAllocations{0};
+std::atomic<long> auditedLocks{0};
+
+using MutexLock = int (*)(pthread_mutex_t*);
+MutexLock realMutexLock() {
+    static MutexLock real = reinterpret_cast<MutexLock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    return real;
+}
+// Resolve before any test thread runs.
+const bool resolved = realMutexLock() != nullptr;
+
+struct Audit {
+    Audit() { auditing = true; }
+    ~Audit() { auditing = false; }
+};
+} // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* m) {
+    if (auditing) auditedLocks.fetch_add(1, std::memory_order_relaxed);
+    return realMutexLock()(m);
+}
+
+void* operator new(std::size_t n) {
+    if (auditing) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t n) { return operator new(n); }
+void* operator new(std::size_t n, std::align_val_t a) {
+    if (auditing) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::aligned_alloc(std::size_t(a), (n + std::size_t(a) - 1) / std::size_t(a) * std::size_t(a))) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t n, std::align_val_t a) { return operator new(n, a); }
+namespace {
+void auditedFree(void* p) noexcept {
+    if (auditing && p) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
+    std::free(p);
+}
+} // namespace
+void operator delete(void* p) noexcept { auditedFree(p); }
+void operator delete[](void* p) noexcept { auditedFree(p); }
+void operator delete(void* p, std::size_t) noexcept { auditedFree(p); }
+void operator delete[](void* p, std::size_t) noexcept { auditedFree(p); }
+void operator delete(void* p, std::align_val_t) noexcept { auditedFree(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { auditedFree(p); }
+
+namespace tarn {
+namespace {
+
+TEST(RealtimeAudit, CountsWhatItClaimsToCount) {
+    ASSERT_TRUE(resolved);
+    const long allocations = auditedAllocations.load(), locks = auditedLocks.load();
+    {
+        Audit audit;
+        std::vector<int> v(10);
+        std::mutex m;
+        std::lock_guard lock(m);
+    }
+    EXPECT_GE(auditedAllocations.load() - allocations, 2);   // one new, one delete
+    EXPECT_EQ(auditedLocks.load() - locks, 1);
+}
+
+HeadphoneProfile profileWith(int filters, double preampDb) {
+    HeadphoneProfile p;
+    p.preampDb = preampDb;
+    for (int i = 0; i < filters; ++i)
+        p.filters.push_back({ParametricFilterSpec::Shape::peaking, 60.0 * (i + 1), double(i % 7) - 3, 1.2});
+    return p;
+}
+
+// The audio thread runs the whole route block after block while the control thread changes
+// every setting the desk offers. After the first block, the audio calls must neither allocate
+// (nor free) nor take a lock.
+TEST(RealtimeAudit, RouteChainAudioPathNeitherAllocatesNorLocksAfterTheFirstBlock) {
+    for (int channels : {1, 2, 6}) {
+        RouteDSPChain chain(channels, 48000);
+        chain.customEQ().setGain(4, 2);
+        chain.correctionEQ().loadProfile(profileWith(10, -4));
+        chain.userParametricEQ().loadProfile(profileWith(10, -2));
+        chain.beatMeter().setActiveBands({0, 5, 9});
+
+        std::vector<float> block(std::size_t(512) * channels);
+        auto fill = [&](long frame) {
+            const auto x = test::interleavedSine(330, 48000, 0.4, 512, channels, {}, frame);
+            std::copy(x.begin(), x.end(), block.begin());
+        };
+        DenormalGuard::enableFlushToZero();
+        fill(0);
+        chain.processInterleaved(block.data(), 512);   // the first block may set things up
+
+        std::atomic<bool> done{false};
+        std::thread control([&] {
+            for (int i = 0; i < 300; ++i) {
+                chain.setGain(double(i % 13) - 6);
+                chain.setOutputTrim(double(i % 5) - 2);
+                chain.customEQ().setGain(double(i % 25) - 12, i % 10);
+                chain.customEQ().setChannelDelta(double(i % 5) - 2, (i * 3) % 10, i % channels);
+                if (i % 40 == 0) chain.customEQ().setChannelDeltas({});
+                if (i % 4 == 0) chain.correctionEQ().loadProfile(profileWith(1 + i % 24, -double(i % 6)));
+                if (i % 9 == 0) chain.userParametricEQ().removeProfile();
+                if (i % 9 == 4) chain.userParametricEQ().loadProfile(profileWith(i % 12, -1));
+                if (i % 15 == 0) chain.recomputeEffectiveQs(allGenrePresets[i % 10], i % 2 ? &*chain.correctionEQ().profile() : nullptr);
+                chain.customEQ().setBypassed(i % 33 == 0);
+                chain.correctionEQ().setBypassed(i % 21 == 0);
+                chain.setSafetyCeilingEnabled(i % 17 != 0);
+                chain.setMuted(i % 29 == 0);
+                chain.beatMeter().setActiveBands({i % 10});
+            }
+            done.store(true);
+        });
+
+        const long allocationsBefore = auditedAllocations.load(), locksBefore = auditedLocks.load();
+        long blocks = 0, frame = 512;
+        while (!done.load() || blocks < 50) {
+            fill(frame);
+            // Silence now and then exercises the silent-channel path.
+            if (blocks % 37 > 30) std::fill(block.begin(), block.end(), 0.0f);
+            {
+                Audit audit;
+                DenormalGuard::enableFlushToZero();
+                chain.processInterleaved(block.data(), blocks % 5 == 0 ? 37 + blocks % 400 : 512);
+            }
+            frame += 512;
+            ++blocks;
+        }
+        control.join();
+        EXPECT_EQ(auditedAllocations.load() - allocationsBefore, 0) << channels << " channels, " << blocks << " blocks";
+        EXPECT_EQ(auditedLocks.load() - locksBefore, 0) << channels << " channels";
+    }
+}
+
+} // namespace
+} // namespace tarn
