@@ -22,11 +22,11 @@ inline float finiteMax(float peak, float v) {
 }
 } // namespace
 
-RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate)
+RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate, UptimeClock clock)
     : channelCount_(channelCount < 1 ? 1 : channelCount), sampleRate_(sampleRate),
-      customEQ_(std::make_unique<TenBandEQ>(channelCount_, sampleRate)),
-      correctionEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate)),
-      userParametricEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate)),
+      customEQ_(std::make_unique<TenBandEQ>(channelCount_, sampleRate, clock)),
+      correctionEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate, clock)),
+      userParametricEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate, clock)),
       limiter_(sampleRate), inputMeter_(meterDecayMs, sampleRate), outputMeter_(meterDecayMs, sampleRate),
       beatMeter_(sampleRate, beatMeterDecayMs),
       gainLinearBits_(bitsOf(1.0)), outputTrimLinearBits_(bitsOf(1.0)), ceilingAttenuationLinearBits_(bitsOf(1.0)),

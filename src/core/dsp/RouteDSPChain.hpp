@@ -46,7 +46,8 @@ public:
     static constexpr double headroomDownStepAt48k = 0.00025;
     static constexpr double headroomUpStepAt48k = 0.000005;
 
-    RouteDSPChain(int channelCount, double sampleRate);
+    // `clock` ages the equalisers' retired banks (tests inject one).
+    RouteDSPChain(int channelCount, double sampleRate, UptimeClock clock = {});
     RouteDSPChain(const RouteDSPChain&) = delete;
     RouteDSPChain& operator=(const RouteDSPChain&) = delete;
 
