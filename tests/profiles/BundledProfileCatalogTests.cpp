@@ -222,3 +222,41 @@ TEST(SearchText, FoldsCaseAndLatinAccentsAndSplitsLettersFromDigits) {
 
 } // namespace
 } // namespace tarn
+
+namespace tarn {
+namespace {
+
+TEST(HeadphoneProfileJSON, AbsentOptionalsAreOmittedAndWearStylesUseTheirRawValues) {
+    HeadphoneProfile bare;
+    bare.id = "custom.bare";
+    bare.modelName = "Bare";
+    bare.sourceProject = "Handmade";
+    bare.type = HeadphoneProfile::ProfileType::fixedBand;
+    bare.preampDb = -2.5;
+    const json written = bare;
+    for (const char* absent : {"measurementProvider", "sourceURL", "downloadTimestamp", "wearStyle"})
+        EXPECT_FALSE(written.contains(absent)) << absent;
+    EXPECT_EQ(written["type"], "fixedBand");
+    EXPECT_EQ(json::parse(written.dump()).get<HeadphoneProfile>(), bare);
+
+    const std::pair<const char*, HeadphoneWearStyle> styles[] = {{"in-ear", HeadphoneWearStyle::inEar},
+                                                                 {"over-ear", HeadphoneWearStyle::overEar},
+                                                                 {"on-ear", HeadphoneWearStyle::onEar},
+                                                                 {"earbud", HeadphoneWearStyle::earbud}};
+    for (const auto& [raw, style] : styles) {
+        json j = written;
+        j["wearStyle"] = raw;
+        const auto decoded = j.get<HeadphoneProfile>();
+        EXPECT_EQ(decoded.wearStyle, style);
+        EXPECT_EQ(json(decoded)["wearStyle"], raw);
+    }
+    json overEar = written;
+    overEar["wearStyle"] = "overEar";
+    EXPECT_ANY_THROW(overEar.get<HeadphoneProfile>());
+    json noFeatured = written;
+    noFeatured.erase("isFeatured");
+    EXPECT_ANY_THROW(noFeatured.get<HeadphoneProfile>());
+}
+
+} // namespace
+} // namespace tarn

@@ -1,0 +1,171 @@
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "cli/Command.hpp"
+#include "cli/ParametricFilterTable.hpp"
+#include "core/io/JsonCodecs.hpp"
+#include "core/profiles/BundledProfileCatalog.hpp"
+#include "core/profiles/SearchText.hpp"
+
+namespace tarn::cli {
+namespace {
+
+constexpr std::size_t defaultSearchLimit = 20;
+
+struct ProfilesOptions {
+    bool json = false;
+    std::string text;
+    std::optional<std::size_t> limit;
+    std::string id;
+    std::string brand;
+};
+
+const BundledProfileCatalog& catalog() {
+    const auto& shipped = BundledProfileCatalog::shared();
+    try {
+        (void)shipped.profiles();
+    } catch (const BundledProfileCatalog::LoadError& e) {
+        throw CommandError(exitFailure, e.what());
+    }
+    return shipped;
+}
+
+void printJSON(const std::vector<const HeadphoneProfile*>& profiles) {
+    auto out = nlohmann::json::array();
+    for (const auto* p : profiles) out.push_back(*p);
+    fmt::print("{}\n", out.dump(2));
+}
+
+void printTable(const std::vector<const HeadphoneProfile*>& profiles) {
+    for (const auto* p : profiles)
+        fmt::print("{} {:<44}  {:<9}  {}\n", p->isFeatured ? '*' : ' ', p->modelName,
+                   p->wearStyle ? toString(*p->wearStyle) : "", p->id);
+}
+
+int runSearch(const ProfilesOptions& options) {
+    const auto& c = catalog();
+    const bool featuredOnly = SearchText::tokens(SearchText::fold(options.text)).empty();
+    // The featured list is short and curated: show it whole unless asked otherwise.
+    std::size_t limit = options.limit.value_or(featuredOnly ? BundledProfileCatalog::unlimited : defaultSearchLimit);
+    if (limit == 0) limit = BundledProfileCatalog::unlimited;
+    const auto all = c.search(options.text);
+    const std::vector<const HeadphoneProfile*> shown(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(std::min(limit, all.size())));
+    if (options.json) {
+        printJSON(shown);
+        return exitOk;
+    }
+    if (all.empty()) {
+        fmt::print("No headphone matches \"{}\". Try fewer letters, or: tarn profiles brands\n", options.text);
+        return exitOk;
+    }
+    printTable(shown);
+    if (shown.size() < all.size())
+        fmt::print(stderr, "{} more; show them with --limit {} (or --limit 0 for all)\n", all.size() - shown.size(), all.size());
+    return exitOk;
+}
+
+int runShow(const ProfilesOptions& options) {
+    const auto& c = catalog();
+    const HeadphoneProfile* p = c.profile(options.id);
+    if (!p) {
+        std::string hint = "find ids with: tarn profiles search TEXT";
+        if (auto guesses = c.search(options.id, 1); !guesses.empty())
+            hint = fmt::format("did you mean {} ({})?", guesses.front()->id, guesses.front()->modelName);
+        throw CommandError(exitFailure, fmt::format("no headphone profile has the id \"{}\"; {}", options.id, hint));
+    }
+    if (options.json) {
+        fmt::print("{}\n", nlohmann::json(*p).dump(2));
+        return exitOk;
+    }
+    fmt::print("{}\n", p->modelName);
+    fmt::print("  Brand:       {}\n", BundledProfileCatalog::brandOf(p->modelName));
+    fmt::print("  Id:          {}\n", p->id);
+    if (p->wearStyle) fmt::print("  Wear style:  {}\n", toString(*p->wearStyle));
+    fmt::print("  Source:      {}{}\n", p->sourceProject,
+               p->measurementProvider ? fmt::format(", measured by {}", *p->measurementProvider) : "");
+    if (p->sourceURL) fmt::print("  URL:         {}\n", *p->sourceURL);
+    if (p->isFeatured) fmt::print("  Featured\n");
+    fmt::print("  Preamp:      {}\n  {} filter{}:\n{}", formatDb(p->preampDb), p->filters.size(),
+               p->filters.size() == 1 ? "" : "s", parametricFilterTable(p->filters));
+    return exitOk;
+}
+
+int runBrands(const ProfilesOptions& options) {
+    const auto& c = catalog();
+    const auto brands = c.brands();
+    if (options.json) {
+        fmt::print("{}\n", nlohmann::json(brands).dump(2));
+        return exitOk;
+    }
+    for (const auto& brand : brands) fmt::print("{:<24} {:>3}\n", brand, c.models(brand).size());
+    return exitOk;
+}
+
+int runModels(const ProfilesOptions& options) {
+    const auto& c = catalog();
+    const auto models = c.models(options.brand);
+    if (models.empty()) {
+        // Suggest the brands the typed text could have meant.
+        std::vector<std::string> close;
+        const std::string typed = SearchText::compact(options.brand);
+        for (const auto& brand : c.brands())
+            if (!typed.empty() && SearchText::compact(brand).find(typed) != std::string::npos) close.push_back(brand);
+        std::string hint = "list them with: tarn profiles brands";
+        if (!close.empty()) {
+            hint = "did you mean ";
+            for (std::size_t i = 0; i < close.size() && i < 5; ++i) hint += (i ? ", \"" : "\"") + close[i] + "\"";
+            hint += "?";
+        }
+        throw CommandError(exitFailure, fmt::format("no brand named \"{}\"; {}", options.brand, hint));
+    }
+    if (options.json)
+        printJSON(models);
+    else
+        printTable(models);
+    return exitOk;
+}
+
+Command makeProfilesCommand(CLI::App& root) {
+    auto* app = root.add_subcommand("profiles", "Find headphone correction profiles in the shipped catalogue");
+    app->require_subcommand(1);
+    app->footer(
+        "The headphone catalogue holds the published parametric equalisation results of the AutoEq\n"
+        "project (https://github.com/jaakkopasanen/AutoEq), from measurements by oratory1990.\n"
+        "They are distributed under the MIT licence; see profiles/LICENSE in Tarn's data folder\n"
+        "(share/tarn, or data/ in the source tree). TARN_DATA_DIR overrides the data folder.");
+    auto options = std::make_shared<ProfilesOptions>();
+
+    auto* search = app->add_subcommand(
+        "search", "Search by brand and model as you would type it (\"hd 6\", \"dt770\"); best match first.\n"
+                  "An empty TEXT lists the featured profiles; * marks featured profiles.");
+    search->add_option("TEXT", options->text, "Words to find; each must start a word of the brand or model")->required();
+    search->add_option("--limit", options->limit, "At most N results (default 20, featured list whole; 0 for all)")
+        ->check(CLI::NonNegativeNumber);
+    search->add_flag("--json", options->json, "Print the profiles as a JSON array");
+
+    auto* show = app->add_subcommand("show", "Show one profile with its preamp and filters");
+    show->add_option("ID", options->id, "The profile's id, as search shows it")->required();
+    show->add_flag("--json", options->json, "Print the profile as JSON");
+
+    auto* brands = app->add_subcommand("brands", "List the brands with their number of models");
+    brands->add_flag("--json", options->json, "Print the brands as a JSON array of names");
+
+    auto* models = app->add_subcommand("models", "List the profiles of one brand");
+    models->add_option("BRAND", options->brand, "The brand, as `tarn profiles brands` lists it (any case)")->required();
+    models->add_flag("--json", options->json, "Print the profiles as a JSON array");
+
+    return {app, [=]() -> int {
+                if (search->parsed()) return runSearch(*options);
+                if (show->parsed()) return runShow(*options);
+                if (brands->parsed()) return runBrands(*options);
+                if (models->parsed()) return runModels(*options);
+                return exitUsage;
+            }};
+}
+
+const CommandRegistration registration{"profiles", 40, &makeProfilesCommand};
+
+} // namespace
+} // namespace tarn::cli
