@@ -33,6 +33,7 @@ RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate, UptimeClock cl
       gainLinearFloatBits_(bitsOf(1.0f)), outputTrimLinearFloatBits_(bitsOf(1.0f)),
       ceilingAttenuationLinearFloatBits_(bitsOf(1.0f)),
       channelActive_(channelCount_, true), channelSilentBlocks_(channelCount_, 0), channelPeaks_(channelCount_, 0.0f) {
+    cascade_.reserve(maxCascadeSections);
     // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB. The
     // ceiling starts disengaged (attenuation 1.0) and is first computed on the first setting.
     publishLinear(outputTrimLinearBits_, outputTrimLinearFloatBits_, outputMakeupLinear);
@@ -261,11 +262,8 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
         outputPeak = inputPeak;
         updateHeadroom(inputPeak, inputPeak, frameCount);
     } else {
-        for (int ch = 0; ch < c; ++ch) {
-            customEQ_->processBlock(samples, frameCount, ch, c, eq);
-            correctionEQ_->processBlock(samples, frameCount, ch, c, correction);
-            userParametricEQ_->processBlock(samples, frameCount, ch, c, parametric);
-        }
+        if (!vectorCascadeEnabled_ || !runStagesVectorised(samples, frameCount, eq, correction, parametric))
+            runStagesPerChannel(samples, frameCount, eq, correction, parametric);
         float preSaturationPeak = 0.0f;
         applyGainsAndLimit(samples, frameCount, scalarGain, preSaturationPeak);
         for (int i = 0; i < n; ++i) {
@@ -282,6 +280,58 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     outputMeter_.updateBlockPeak(outputPeak, frameCount);
     if (inputPeak > silenceThreshold) beatMeter_.processBlock(samples, frameCount, c);
     else beatMeter_.processSilence(frameCount);
+}
+
+void RouteDSPChain::runStagesPerChannel(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
+                                        const CorrectionEQ::ProcessingSnapshot& correction,
+                                        const CorrectionEQ::ProcessingSnapshot& parametric) {
+    for (int ch = 0; ch < channelCount_; ++ch) {
+        customEQ_->processBlock(samples, frameCount, ch, channelCount_, eq);
+        correctionEQ_->processBlock(samples, frameCount, ch, channelCount_, correction);
+        userParametricEQ_->processBlock(samples, frameCount, ch, channelCount_, parametric);
+    }
+}
+
+// The three stages as one cascade per channel pair. A stage's preamp becomes the input gain of
+// its first section; a stage with a preamp and no filters is applied between two cascades so
+// the rounding stays exactly that of the per-stage path.
+bool RouteDSPChain::runStagesVectorised(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
+                                        const CorrectionEQ::ProcessingSnapshot& correction,
+                                        const CorrectionEQ::ProcessingSnapshot& parametric) {
+    const int total = (eq.isBypassed ? 0 : TenBandEQ::bandCount) +
+                      (correction.isActive() ? int(correction.coefficients.size()) : 0) +
+                      (parametric.isActive() ? int(parametric.coefficients.size()) : 0);
+    if (total > maxCascadeSections) return false;
+    const int c = channelCount_;
+    for (int first = 0; first < c; first += 2) {
+        const int pair = std::min(2, c - first);
+        const int second = first + pair - 1;
+        cascade_.clear();
+        if (!eq.isBypassed) {
+            const BiquadFloatCoefficients* a = eq.coefficientsFor(first);
+            const BiquadFloatCoefficients* b = eq.coefficientsFor(second);
+            for (int i = 0; i < TenBandEQ::bandCount; ++i)
+                cascade_.push_back({&customEQ_->filter(i), {a[i], b[i]}, 1.0f});
+        }
+        for (const CorrectionEQ::ProcessingSnapshot* stage : {&correction, &parametric}) {
+            if (!stage->isActive()) continue;
+            const auto& filters = stage->bank->filters;
+            if (filters.empty()) {
+                if (stage->preampLinear == 1.0f) continue;
+                SectionCascade::run(samples, frameCount, c, first, pair, cascade_);
+                cascade_.clear();
+                for (int f = 0; f < frameCount; ++f)
+                    for (int ch = first; ch <= second; ++ch) samples[std::size_t(f) * c + ch] *= stage->preampLinear;
+                continue;
+            }
+            for (std::size_t i = 0; i < filters.size(); ++i) {
+                const BiquadFloatCoefficients& k = stage->coefficients[i];
+                cascade_.push_back({filters[i].get(), {k, k}, i == 0 ? stage->preampLinear : 1.0f});
+            }
+        }
+        SectionCascade::run(samples, frameCount, c, first, pair, cascade_);
+    }
+    return true;
 }
 
 double RouteDSPChain::finishSample(double x) {

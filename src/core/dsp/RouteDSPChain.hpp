@@ -10,6 +10,7 @@
 #include "core/dsp/CorrectionEQ.hpp"
 #include "core/dsp/Limiter.hpp"
 #include "core/dsp/PeakMeter.hpp"
+#include "core/dsp/SectionCascade.hpp"
 #include "core/dsp/TenBandEQ.hpp"
 #include "core/models/GenrePreset.hpp"
 #include "core/profiles/HeadphoneProfile.hpp"
@@ -89,6 +90,14 @@ public:
     PeakMeter& outputMeter() { return outputMeter_; }
     BandBeatMeter& beatMeter() { return beatMeter_; }
 
+    // The equalisers normally run through the vector cascade (bit-identical to the per-channel
+    // stage path); switching it off runs every stage's own processBlock per channel, the
+    // reference the vector path is tested and benchmarked against. Not while audio runs.
+    void setVectorCascadeEnabled(bool enabled) { vectorCascadeEnabled_ = enabled; }
+    bool isVectorCascadeEnabled() const { return vectorCascadeEnabled_; }
+    // Sections one block can hand to the vector cascade; a longer chain runs per stage.
+    static constexpr int maxCascadeSections = 256;
+
     // Real-time thread.
     void processInterleaved(float* samples, int frameCount);
     double process(double x);
@@ -102,6 +111,12 @@ private:
     void updateHeadroom(double preSaturationPeak, double inputPeak, int frameCount);
     void applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak);
     double finishSample(double x);
+    void runStagesPerChannel(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
+                             const CorrectionEQ::ProcessingSnapshot& correction,
+                             const CorrectionEQ::ProcessingSnapshot& parametric);
+    bool runStagesVectorised(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
+                             const CorrectionEQ::ProcessingSnapshot& correction,
+                             const CorrectionEQ::ProcessingSnapshot& parametric);
 
     int channelCount_;
     double sampleRate_;
@@ -138,6 +153,8 @@ private:
     bool parametricWasActive_ = false;
     std::atomic<double> publishedHeadroomGain_{1.0};
     std::atomic<bool> wasPassthroughAtomic_{false};
+    bool vectorCascadeEnabled_ = true;
+    std::vector<SectionCascade::Section> cascade_;   // capacity reserved once, reused per block
 };
 
 } // namespace tarn
