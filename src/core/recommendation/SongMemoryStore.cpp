@@ -388,15 +388,17 @@ void SongMemoryStore::scheduleSave() {
 
 void SongMemoryStore::save() {
     savePending_ = false;
-    std::string bytes;
+    std::map<std::string, SongMemory> memories;
     bool setAsideFirst = false;
     {
+        // Copying is much quicker than encoding: callers are not kept waiting for the JSON.
         std::lock_guard lock(mutex_);
-        json document = json::object();
-        for (const auto& [key, memory] : cache_) document[key] = encode(memory);
-        bytes = document.dump();
+        memories = cache_;
         setAsideFirst = fileIsUnreadable_ && !setAsidePath_;
     }
+    json document = json::object();
+    for (const auto& [key, memory] : memories) document[key] = encode(memory);
+    const std::string bytes = document.dump();
     try {
         PreferencesStore files(fileURL_.parent_path());
         const std::string name = fileURL_.stem().string();
