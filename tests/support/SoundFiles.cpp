@@ -1,5 +1,7 @@
 #include "support/SoundFiles.hpp"
 
+#include "support/Signals.hpp"
+
 #include <cmath>
 #include <numbers>
 #include <stdexcept>
@@ -45,18 +47,8 @@ SoundData readSoundFile(const std::filesystem::path& path, SF_INFO* infoOut) {
 }
 
 double toneAmplitude(const SoundData& data, int channel, double frequencyHz, std::size_t first, std::size_t count) {
-    // Solve the 2x2 normal equations for x ≈ a sin(wt) + b cos(wt).
-    double ss = 0, cc = 0, sc = 0, xs = 0, xc = 0;
-    const double w = 2.0 * std::numbers::pi * frequencyHz / data.sampleRate;
-    for (std::size_t i = first; i < first + count; ++i) {
-        const double s = std::sin(w * double(i)), c = std::cos(w * double(i));
-        const double x = data.at(i, channel);
-        ss += s * s, cc += c * c, sc += s * c, xs += x * s, xc += x * c;
-    }
-    const double det = ss * cc - sc * sc;
-    const double a = (xs * cc - xc * sc) / det;
-    const double b = (xc * ss - xs * sc) / det;
-    return std::hypot(a, b);
+    return fittedAmplitude(data.samples, data.channelCount, channel, frequencyHz, data.sampleRate, long(first),
+                           long(count));
 }
 
 } // namespace tarn::test

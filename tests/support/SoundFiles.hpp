@@ -29,8 +29,7 @@ void writeSoundFile(const std::filesystem::path& path, const SoundData& data,
                     int format = SF_FORMAT_WAV | SF_FORMAT_FLOAT);
 SoundData readSoundFile(const std::filesystem::path& path, SF_INFO* infoOut = nullptr);
 
-// Peak amplitude of one channel over frames [first, first + count), estimated by a least-squares
-// fit of a sine and cosine at frequencyHz (robust to phase, exact for a pure steady tone).
+// Amplitude of the tone at frequencyHz in one channel over frames [first, first + count).
 double toneAmplitude(const SoundData& data, int channel, double frequencyHz, std::size_t first, std::size_t count);
 
 } // namespace tarn::test

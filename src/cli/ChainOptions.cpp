@@ -1,0 +1,234 @@
+#include "cli/ChainOptions.hpp"
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "cli/Command.hpp"
+#include "core/dsp/RouteDSPChain.hpp"
+#include "core/dsp/TenBandLayout.hpp"
+#include "core/io/AutoEqParser.hpp"
+#include "core/io/JsonCodecs.hpp"
+
+namespace tarn::cli {
+namespace {
+
+std::optional<double> finiteNumber(std::string_view text) {
+    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+    double value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return value;
+}
+
+std::optional<int> integer(std::string_view text) {
+    int value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+constexpr int lastBand = TenBandLayout::bandCount - 1;
+
+// "I=DB" → band gain, or the reason it is not one.
+std::string parseBandGain(const std::string& text, ChainOptions::BandGain& out) {
+    const auto eq = text.find('=');
+    if (eq == std::string::npos) return fmt::format("\"{}\" is not I=DB (for example 5=-3)", text);
+    const auto band = integer(std::string_view(text).substr(0, eq));
+    if (!band || *band < 0 || *band > lastBand)
+        return fmt::format("band index must be 0..{}, got \"{}\"", lastBand, text.substr(0, eq));
+    const auto gain = finiteNumber(std::string_view(text).substr(eq + 1));
+    if (!gain) return fmt::format("\"{}\" is not a gain in dB", text.substr(eq + 1));
+    if (*gain < TenBandLayout::minGainDb || *gain > TenBandLayout::maxGainDb)
+        return fmt::format("band gain must be within {}..{} dB, got {}", TenBandLayout::minGainDb,
+                           TenBandLayout::maxGainDb, text.substr(eq + 1));
+    out = {*band, *gain};
+    return "";
+}
+
+// "C:I=DB" → channel delta, or the reason it is not one.
+std::string parseChannelDelta(const std::string& text, ChainOptions::ChannelDelta& out) {
+    const auto colon = text.find(':');
+    const auto eq = text.find('=');
+    if (colon == std::string::npos || eq == std::string::npos || eq < colon)
+        return fmt::format("\"{}\" is not C:I=DB (for example 1:5=-2)", text);
+    const auto channel = integer(std::string_view(text).substr(0, colon));
+    if (!channel || *channel < 0) return fmt::format("\"{}\" is not a channel index", text.substr(0, colon));
+    const auto band = integer(std::string_view(text).substr(colon + 1, eq - colon - 1));
+    if (!band || *band < 0 || *band > lastBand)
+        return fmt::format("band index must be 0..{}, got \"{}\"", lastBand, text.substr(colon + 1, eq - colon - 1));
+    const auto delta = finiteNumber(std::string_view(text).substr(eq + 1));
+    if (!delta) return fmt::format("\"{}\" is not a gain in dB", text.substr(eq + 1));
+    if (std::abs(*delta) > ChainOptions::maxChannelDeltaDb)
+        return fmt::format("channel delta must be within ±{} dB, got {}", ChainOptions::maxChannelDeltaDb,
+                           text.substr(eq + 1));
+    out = {*channel, *band, *delta};
+    return "";
+}
+
+CLI::Validator decibels(double min, double max) {
+    return CLI::Validator(
+        [min, max](std::string& text) -> std::string {
+            const auto value = finiteNumber(text);
+            if (!value) return fmt::format("\"{}\" is not a number of dB", text);
+            if (*value < min || *value > max) return fmt::format("must be within {}..{} dB, got {}", min, max, text);
+            return "";
+        },
+        "");
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec))
+        throw CommandError(exitFailure, fmt::format("{}: is a folder, not a file", path.string()));
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw CommandError(exitFailure, fmt::format("{}: cannot open: {}", path.string(), std::strerror(errno)));
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (in.bad()) throw CommandError(exitFailure, fmt::format("{}: cannot read", path.string()));
+    return text;
+}
+
+} // namespace
+
+std::optional<GenrePreset> ChainOptions::parseGenre(const std::string& name) { return genrePresetFromString(name); }
+
+std::string ChainOptions::genreNames() {
+    std::string names;
+    for (auto g : allGenrePresets) names += (names.empty() ? "" : ", ") + std::string(toString(g));
+    return names;
+}
+
+void ChainOptions::addTo(CLI::App& app) {
+    // The validators parse as they check, so the parsed lists exist as soon as parsing is done.
+    app.add_option("--band", bandTexts_, "Band I (0..9) gain in dB, repeatable, e.g. --band 5=-3")
+        ->type_name("I=DB")
+        ->check(CLI::Validator(
+            [this](std::string& text) {
+                BandGain parsed;
+                auto error = parseBandGain(text, parsed);
+                if (error.empty()) bandGains_.push_back(parsed);
+                return error;
+            },
+            ""))
+        ->take_all();
+    app.add_option("--channel-delta", channelDeltaTexts_,
+                   "Per-channel delta for channel C, band I, in dB, repeatable, e.g. --channel-delta 1:5=-2")
+        ->type_name("C:I=DB")
+        ->check(CLI::Validator(
+            [this](std::string& text) {
+                ChannelDelta parsed;
+                auto error = parseChannelDelta(text, parsed);
+                if (error.empty()) channelDeltas_.push_back(parsed);
+                return error;
+            },
+            ""))
+        ->take_all();
+    app.add_option("--gain", gainDb_, "Route gain in dB (default 0)")
+        ->type_name("DB")
+        ->check(decibels(minGainDb, maxGainDb));
+    app.add_option("--trim", trimDb_, "Output trim in dB (default 0; the fixed +4 dB make-up is always there)")
+        ->type_name("DB")
+        ->check(decibels(minGainDb, maxGainDb));
+    app.add_option("--genre", genreText_, "Genre preset: " + genreNames())
+        ->type_name("NAME")
+        ->check(CLI::Validator(
+            [this](std::string& text) -> std::string {
+                genre_ = parseGenre(text);
+                if (!genre_) return fmt::format("unknown genre \"{}\" (one of {})", text, genreNames());
+                return "";
+            },
+            ""));
+    app.add_option("--profile", profilePath_,
+                   "Headphone correction from a profile JSON file ({\"preampDb\": …, \"filters\": [...]} at least)")
+        ->type_name("FILE");
+    app.add_option("--parametric", parametricPath_,
+                   "User parametric EQ from a text file (\"Preamp: … dB\", \"Filter N: ON PK Fc … Hz Gain … dB Q …\")")
+        ->type_name("FILE");
+    app.add_flag("--eq-bypass", isEQBypassed_, "Bypass the ten-band EQ");
+    app.add_flag("--correction-bypass", isCorrectionBypassed_, "Bypass the headphone correction");
+    app.add_flag("--no-ceiling", isCeilingDisabled_, "Turn the output safety ceiling off");
+    app.add_flag("--mute", isMuted_, "Mute the route (the output is silence)");
+}
+
+HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path) {
+    const auto text = readFile(path);
+    nlohmann::json j;
+    try {
+        j = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::parse_error& e) {
+        throw CommandError(exitFailure, fmt::format("{}: not valid JSON: {}", path.string(), e.what()));
+    }
+    try {
+        if (!j.is_object()) throw DecodingError("expected a JSON object with \"preampDb\" and \"filters\"");
+        // A full profile record decodes as one; a minimal file only needs the preamp and filters.
+        if (j.contains("id")) return j.get<HeadphoneProfile>();
+        HeadphoneProfile profile;
+        profile.id = path.stem().string();
+        profile.modelName = j.contains("modelName") ? j.at("modelName").get<std::string>() : path.stem().string();
+        profile.sourceProject = "file";
+        profile.preampDb = j.at("preampDb").get<double>();
+        profile.filters = j.at("filters").get<std::vector<ParametricFilterSpec>>();
+        return profile;
+    } catch (const DecodingError& e) {
+        throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
+    } catch (const nlohmann::json::exception& e) {
+        throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
+    }
+}
+
+void ChainOptions::loadFiles() {
+    if (!profilePath_.empty()) profile_ = loadProfileFile(profilePath_);
+    if (!parametricPath_.empty()) {
+        try {
+            parametric_ = AutoEqParser::parseParametricFile(parametricPath_);
+        } catch (const AutoEqParser::ReadError& e) {
+            throw CommandError(exitFailure, e.what());
+        } catch (const AutoEqParser::ParseError& e) {
+            throw CommandError(exitFailure, fmt::format("{}: {}", parametricPath_, e.what()));
+        }
+    }
+}
+
+void ChainOptions::checkChannelCount(int channelCount) const {
+    for (const auto& d : channelDeltas_)
+        if (d.channel >= channelCount)
+            throw CommandError(exitUsage, fmt::format("--channel-delta: channel {} does not exist (the audio has {} "
+                                                      "channel{}, numbered from 0)",
+                                                      d.channel, channelCount, channelCount == 1 ? "" : "s"));
+}
+
+void ChainOptions::applyTo(RouteDSPChain& chain) const {
+    auto& eq = chain.customEQ();
+    for (const auto& b : bandGains_) eq.setGain(b.gainDb, b.band);
+    for (const auto& d : channelDeltas_) eq.setChannelDelta(d.deltaDb, d.band, d.channel);
+    eq.setBypassed(isEQBypassed_);
+
+    if (profile_) chain.correctionEQ().loadProfile(*profile_);
+    chain.correctionEQ().setBypassed(isCorrectionBypassed_);
+
+    if (parametric_) {
+        // The import runs in the second correction-shaped stage, as a profile-shaped value.
+        HeadphoneProfile imported;
+        imported.id = "import." + parametric_->modelName;
+        imported.modelName = parametric_->modelName;
+        imported.sourceProject = "import";
+        imported.preampDb = parametric_->preampDb;
+        imported.filters = parametric_->filters;
+        chain.userParametricEQ().loadProfile(imported);
+    }
+
+    chain.recomputeEffectiveQs(genre_.value_or(GenrePreset::flat), profile_ ? &*profile_ : nullptr);
+    chain.setGain(gainDb_);
+    chain.setOutputTrim(trimDb_);
+    chain.setSafetyCeilingEnabled(!isCeilingDisabled_);
+    chain.setMuted(isMuted_);
+}
+
+} // namespace tarn::cli
