@@ -7,7 +7,7 @@
 namespace tarn {
 namespace {
 
-using testing::SimulatedAudioPlatform;
+using test::SimulatedAudioPlatform;
 using Step = SimulatedAudioPlatform::Step;
 
 TEST(OutputDeviceLookup, LayoutDescriptions) {

@@ -7,8 +7,8 @@
 namespace tarn {
 namespace {
 
-using testing::ManualMainQueue;
-using testing::SimulatedAudioPlatform;
+using test::ManualMainQueue;
+using test::SimulatedAudioPlatform;
 using Process = SimulatedAudioPlatform::Process;
 
 struct Discovery : ::testing::Test {
@@ -85,7 +85,9 @@ TEST_F(Discovery, BurstIsServedAtOnceAndAgainAtItsTrailingEdge) {
     for (int i = 0; i < 10; ++i) {
         platform.notifyProcessListChanged();
         queue.runUntilIdle();
-        if (i == 0) EXPECT_EQ(processListReads(), before + 1) << "the first one is served at once";
+        if (i == 0) {
+            EXPECT_EQ(processListReads(), before + 1) << "the first one is served at once";
+        }
         queue.advance(0.005);
     }
     EXPECT_EQ(processListReads(), before + 1);

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace tarn::testing {
+namespace tarn::test {
 
 void ManualMainQueue::async(std::function<void()> work) {
     std::lock_guard lock(mutex_);
@@ -70,4 +70,4 @@ void ManualMainQueue::advance(double seconds) {
     runUntilIdle();
 }
 
-} // namespace tarn::testing
+} // namespace tarn::test

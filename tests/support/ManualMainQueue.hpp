@@ -7,7 +7,7 @@
 
 #include "core/audio/MainQueue.hpp"
 
-namespace tarn::testing {
+namespace tarn::test {
 
 // A main queue driven by the test, with its own clock: nothing runs until the test says so, and
 // time only moves when the test moves it.
@@ -40,4 +40,4 @@ private:
     std::vector<Delayed> delayed_;
 };
 
-} // namespace tarn::testing
+} // namespace tarn::test

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace tarn::testing {
+namespace tarn::test {
 
 namespace {
 
@@ -766,4 +766,4 @@ AudioPlatform::Status SimulatedAudioPlatform::outputStreamChannelCounts(ObjectID
     return notFound;
 }
 
-} // namespace tarn::testing
+} // namespace tarn::test

@@ -15,7 +15,7 @@
 
 #include "core/audio/AudioPlatform.hpp"
 
-namespace tarn::testing {
+namespace tarn::test {
 
 // An in-memory sound server for tests. It keeps every object the engines create, runs I/O and
 // render callbacks on real threads (one per started device or unit), calls listeners on threads
@@ -244,4 +244,4 @@ private:
     std::vector<float> rendered_;
 };
 
-} // namespace tarn::testing
+} // namespace tarn::test
