@@ -11,9 +11,9 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/Command.hpp"
+#include "cli/ParametricEQFile.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "core/dsp/TenBandLayout.hpp"
-#include "core/io/AutoEqParser.hpp"
 #include "core/io/JsonCodecs.hpp"
 
 namespace tarn::cli {
@@ -185,15 +185,7 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
 
 void ChainOptions::loadFiles() {
     if (!profilePath_.empty()) profile_ = loadProfileFile(profilePath_);
-    if (!parametricPath_.empty()) {
-        try {
-            parametric_ = AutoEqParser::parseParametricFile(parametricPath_);
-        } catch (const AutoEqParser::ReadError& e) {
-            throw CommandError(exitFailure, e.what());
-        } catch (const AutoEqParser::ParseError& e) {
-            throw CommandError(exitFailure, fmt::format("{}: {}", parametricPath_, e.what()));
-        }
-    }
+    if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_);
 }
 
 void ChainOptions::checkChannelCount(int channelCount) const {
