@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <string>
@@ -413,6 +414,19 @@ TEST_F(Engines, RouteRestartsWithAFreshFadeIn) {
         ASSERT_LE(std::fabs(all[i]), 0.5 * (f + 1) / 240.0 + 1e-5) << "frame " << f << " of the second run";
     }
     EXPECT_TRUE(platform.isClean());
+}
+
+TEST_F(Engines, DestroyingARunningRouteStopsItCleanly) {
+    {
+        RouteAudioEngine engine(platform, "x", app, stereo, std::make_shared<RouteDSPChain>(2, 48000), 16384, std::nullopt);
+        engine.start();
+        ASSERT_TRUE(platform.waitForRenderCycles(platform.renderCycles() + 3));
+    }
+    EXPECT_TRUE(platform.isClean());
+    const auto calls = platform.calls();
+    const auto renderStop = std::find(calls.begin(), calls.end(), "stopOutputUnit");
+    const auto captureStop = std::find(calls.begin(), calls.end(), "stopDevice");
+    EXPECT_LT(renderStop - calls.begin(), captureStop - calls.begin()) << "the renderer stops first";
 }
 
 } // namespace

@@ -37,6 +37,8 @@ AudioOutputRenderer::AudioOutputRenderer(AudioPlatform& platform, std::uint32_t 
       ringBuffer_(std::move(ringBuffer)),
       dspStage_(dspStage) {}
 
+AudioOutputRenderer::~AudioOutputRenderer() { stop(); }
+
 void AudioOutputRenderer::failAndStop(StartError::Case errorCase, std::int32_t status) {
     stop();
     throw StartError(errorCase, status);

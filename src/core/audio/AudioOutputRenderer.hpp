@@ -22,7 +22,7 @@ class RouteDSPChain;
 // `start` and `stop` run on the control thread. A start that fails after the unit exists stops
 // itself before throwing, so no half-built unit survives. `stop()` fades out (it raises the
 // fade-out request and waits `fadeOutWait` before stopping the unit) and may be called any
-// number of times.
+// number of times; destruction calls it.
 class AudioOutputRenderer {
 public:
     class StartError : public std::exception {
@@ -57,6 +57,7 @@ public:
 
     AudioOutputRenderer(AudioPlatform& platform, std::uint32_t outputDeviceID, std::shared_ptr<RouteDSPChain> dspChain,
                         std::shared_ptr<AudioRingBuffer> ringBuffer, RouteDSPStage dspStage);
+    ~AudioOutputRenderer();
     AudioOutputRenderer(const AudioOutputRenderer&) = delete;
     AudioOutputRenderer& operator=(const AudioOutputRenderer&) = delete;
 

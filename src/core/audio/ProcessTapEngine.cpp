@@ -49,6 +49,8 @@ ProcessTapEngine::ProcessTapEngine(AudioPlatform& platform, std::uint32_t proces
       routeFormat_(std::move(routeFormat)),
       ringBuffer_(std::move(ringBuffer)) {}
 
+ProcessTapEngine::~ProcessTapEngine() { stop(); }
+
 void ProcessTapEngine::freeScratch() {
     scratch_.reset();
     scratchSamples_ = 0;

@@ -23,8 +23,8 @@ class RouteDSPChain;
 //
 // `start` and `stop` run on the control thread, never concurrently for one engine. Every failed
 // start undoes what it created, except a tap whose UID or format could not be read: that one is
-// removed by the next `stop()`. `stop()` may be called any number of times. The owner calls
-// `stop()` before destroying the engine.
+// removed by the next `stop()`. `stop()` may be called any number of times; destruction calls it,
+// so a forgotten engine never leaves a callback running on freed memory.
 class ProcessTapEngine {
 public:
     class StartError : public std::exception {
@@ -58,6 +58,7 @@ public:
 
     ProcessTapEngine(AudioPlatform& platform, std::uint32_t processObjectID, std::string bundleID,
                      RouteAudioFormat routeFormat, std::shared_ptr<AudioRingBuffer> ringBuffer);
+    ~ProcessTapEngine();
     ProcessTapEngine(const ProcessTapEngine&) = delete;
     ProcessTapEngine& operator=(const ProcessTapEngine&) = delete;
 

@@ -25,7 +25,7 @@ class RouteDSPChain;
 //
 // Control thread only. A failed start leaves both sides stopped and says which side failed.
 // `stop()` stops the renderer (with its fade-out), then capture, then empties the ring; it may
-// be called any number of times. The owner calls `stop()` before destroying the engine.
+// be called any number of times. Destruction stops both sides in the same order.
 class RouteAudioEngine {
 public:
     class StartError : public std::exception {
