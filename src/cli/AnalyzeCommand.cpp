@@ -229,11 +229,10 @@ int run(AnalyzeSettings& settings) {
 
 Command makeAnalyzeCommand(CLI::App& root) {
     auto settings = std::make_shared<AnalyzeSettings>();
-    auto* app = root.add_subcommand(
-        "analyze",
-        "Analyse a file as AI Tune hears it and show the band changes it would propose.\n"
-        "The file is decoded as `tarn render` does and fed through the analysis tap in capture-sized blocks.\n"
-        "Offline, every 4096-frame window is analysed: the per-tick window cap of a live route does not apply.");
+    auto* app = root.add_subcommand("analyze", "Analyse a file as AI Tune hears it and show the band changes it would propose");
+    app->footer("The file is decoded as `tarn render` does and fed through the analysis tap in capture-sized blocks.\n"
+                "Offline, every 4096-frame window is analysed: the per-tick window cap of a live route does not apply.\n"
+                "Prominence is each band's level against the song's median band; AI Tune is confident after 4 s of sound.");
     app->add_option("file", settings->file, "Audio file (WAV, FLAC, MP3, AAC/M4A, ALAC, AIFF, ...)")->required();
     app->add_flag("--json", settings->isJson,
                   "Print one JSON object: prominenceDb, isConfident, analyzedSeconds, recommendations (and timeline)");
@@ -249,7 +248,7 @@ Command makeAnalyzeCommand(CLI::App& root) {
                 if (settings->genre) return "";
                 return fmt::format("unknown genre \"{}\" (one of {})", text, ChainOptions::genreNames());
             },
-            "NAME"));
+            ""));
     app->add_option("--scope", settings->scopeText, "Shape for the song playing (song, default) or your taste (taste)")
         ->type_name("song|taste")
         ->check(CLI::Validator(
@@ -259,11 +258,11 @@ Command makeAnalyzeCommand(CLI::App& root) {
                 settings->scope = *scope;
                 return "";
             },
-            "song|taste"));
+            ""));
     app->add_option("--bias", settings->biasTexts,
                     "Your standing preference for band I (0..9) in dB, repeatable, e.g. --bias 1=+2")
         ->type_name("I=DB")
-        ->check(CLI::Validator([settings](std::string& text) { return parseBias(text, settings->biasDb); }, "I=DB"))
+        ->check(CLI::Validator([settings](std::string& text) { return parseBias(text, settings->biasDb); }, ""))
         ->take_all();
     app->add_option("--lean", settings->leanWeight,
                     fmt::format("Genre lean weight, 0 (off, default) to {:g}", maxLeanWeight))
