@@ -16,6 +16,7 @@
 
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
+#include "core/audio/IOBufferPolicy.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 #include "core/profiles/BundledProfileCatalog.hpp"
 #include "core/recommendation/BandProminenceAnalyzer.hpp"
@@ -25,8 +26,8 @@
 namespace tarn::cli {
 namespace {
 
-// The size of the blocks a capture callback hands the tap (a typical graph quantum).
-constexpr int captureBlockFrames = 1024;
+// Blocks of the size a music route's capture callback hands the tap.
+constexpr int captureBlockFrames = int(IOBufferPolicy::musicFrames);
 constexpr double maxLeanWeight = 4.0;
 
 struct AnalyzeSettings {
