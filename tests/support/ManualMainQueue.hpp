@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/audio/MainQueue.hpp"
+#include "core/dsp/UptimeClock.hpp"
 
 namespace tarn::test {
 
@@ -17,8 +18,8 @@ public:
     void asyncAfter(double delaySeconds, std::function<void()> work) override;
 
     double now() const;
-    std::function<double()> clock() const {
-        return [this] { return now(); };
+    UptimeClock clock() const {
+        return UptimeClock{[this] { return now(); }};
     }
 
     // Runs all work that is due now, including work that it posts for now.

@@ -5,10 +5,10 @@
 namespace tarn {
 
 ProcessDiscoveryService::ProcessDiscoveryService(AudioPlatform& platform, MainQueue& mainQueue,
-                                                 std::function<double()> uptime)
+                                                 UptimeClock clock)
     : platform_(platform),
       mainQueue_(mainQueue),
-      uptime_(std::move(uptime)),
+      clock_(std::move(clock)),
       self_(std::make_shared<ProcessDiscoveryService*>(this)) {}
 
 ProcessDiscoveryService::~ProcessDiscoveryService() {
@@ -39,7 +39,7 @@ void ProcessDiscoveryService::listenerFired() {
 
 void ProcessDiscoveryService::scheduleRefresh() {
     if (pendingRefresh_) return;
-    const double delay = lastRefreshUptime_ - uptime_() + minimumRefreshIntervalSeconds;
+    const double delay = lastRefreshUptime_ - clock_.now() + minimumRefreshIntervalSeconds;
     if (delay <= 0) {
         refresh();
         return;
@@ -82,7 +82,7 @@ std::string ProcessDiscoveryService::displayNameFor(std::int32_t pid, const std:
 }
 
 void ProcessDiscoveryService::refresh() {
-    lastRefreshUptime_ = uptime_();
+    lastRefreshUptime_ = clock_.now();
 
     std::vector<AudioPlatform::ObjectID> processes;
     if (platform_.processObjectList(processes) != AudioPlatform::noError) processes.clear();

@@ -9,6 +9,7 @@
 
 #include "core/audio/AudioPlatform.hpp"
 #include "core/audio/MainQueue.hpp"
+#include "core/dsp/UptimeClock.hpp"
 
 namespace tarn {
 
@@ -37,8 +38,7 @@ public:
 
     static constexpr double minimumRefreshIntervalSeconds = 0.3;
 
-    // `uptime` is a monotonic clock in seconds.
-    ProcessDiscoveryService(AudioPlatform& platform, MainQueue& mainQueue, std::function<double()> uptime);
+    ProcessDiscoveryService(AudioPlatform& platform, MainQueue& mainQueue, UptimeClock clock = {});
     ~ProcessDiscoveryService();
     ProcessDiscoveryService(const ProcessDiscoveryService&) = delete;
     ProcessDiscoveryService& operator=(const ProcessDiscoveryService&) = delete;
@@ -66,7 +66,7 @@ private:
 
     AudioPlatform& platform_;
     MainQueue& mainQueue_;
-    std::function<double()> uptime_;
+    UptimeClock clock_;
 
     std::vector<Entry> entries_;
     bool listenerInstalled_ = false;
