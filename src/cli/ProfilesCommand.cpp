@@ -16,7 +16,7 @@ constexpr std::size_t defaultSearchLimit = 20;
 
 struct ProfilesOptions {
     bool json = false;
-    std::string text;
+    std::vector<std::string> words; // `tarn profiles search hd 600` needs no quotes
     std::optional<std::size_t> limit;
     std::string id;
     std::string brand;
@@ -46,18 +46,20 @@ void printTable(const std::vector<const HeadphoneProfile*>& profiles) {
 
 int runSearch(const ProfilesOptions& options) {
     const auto& c = catalog();
-    const bool featuredOnly = SearchText::tokens(SearchText::fold(options.text)).empty();
+    std::string text;
+    for (const auto& word : options.words) text += (text.empty() ? "" : " ") + word;
+    const bool featuredOnly = SearchText::tokens(SearchText::fold(text)).empty();
     // The featured list is short and curated: show it whole unless asked otherwise.
     std::size_t limit = options.limit.value_or(featuredOnly ? BundledProfileCatalog::unlimited : defaultSearchLimit);
     if (limit == 0) limit = BundledProfileCatalog::unlimited;
-    const auto all = c.search(options.text);
+    const auto all = c.search(text);
     const std::vector<const HeadphoneProfile*> shown(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(std::min(limit, all.size())));
     if (options.json) {
         printJSON(shown);
         return exitOk;
     }
     if (all.empty()) {
-        fmt::print("No headphone matches \"{}\". Try fewer letters, or: tarn profiles brands\n", options.text);
+        fmt::print("No headphone matches \"{}\". Try fewer letters, or: tarn profiles brands\n", text);
         return exitOk;
     }
     printTable(shown);
@@ -140,7 +142,7 @@ Command makeProfilesCommand(CLI::App& root) {
     auto* search = app->add_subcommand(
         "search", "Search by brand and model as you would type it (\"hd 6\", \"dt770\"); best match first.\n"
                   "An empty TEXT lists the featured profiles; * marks featured profiles.");
-    search->add_option("TEXT", options->text, "Words to find; each must start a word of the brand or model")->required();
+    search->add_option("TEXT", options->words, "Words to find; each must start a word of the brand or model")->required();
     search->add_option("--limit", options->limit, "At most N results (default 20, featured list whole; 0 for all)")
         ->check(CLI::NonNegativeNumber);
     search->add_flag("--json", options->json, "Print the profiles as a JSON array");

@@ -151,6 +151,7 @@ TEST_F(CommandLine, ProfilesSearchShowBrandsModels) {
     EXPECT_EQ(found[1]["id"], "oratory1990.over-ear.sennheiser-hd-650");
     for (const auto& p : found) EXPECT_EQ(p, json(*catalog.profile(p["id"].get<std::string>())));
 
+    EXPECT_EQ(tarnJSON({"profiles", "search", "hd", "6", "--json"}), found); // unquoted words work too
     EXPECT_EQ(tarnJSON({"profiles", "search", "hd 6", "--json", "--limit", "3"}).size(), 3u);
     EXPECT_EQ(tarnJSON({"profiles", "search", "zzzz", "--json"}), json::array());
     EXPECT_EQ(tarn({"profiles", "search", "hd", "--limit", "-1"}).exitCode, 2);

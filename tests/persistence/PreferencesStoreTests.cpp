@@ -144,3 +144,23 @@ TEST(PreferencesStore, ReaderNeverTouchesAnUndecodableDocumentAndSetAsideKeepsIt
 
 } // namespace
 } // namespace tarn
+
+#include "core/io/JsonCodecs.hpp"
+#include "core/models/ListeningGenreHistory.hpp"
+
+namespace tarn {
+namespace {
+
+TEST(PreferencesStore, ListeningHistoryLivesInItsOwnVersionedDocument) {
+    test::TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    ListeningGenreHistory history;
+    history.record("Jazz", "Miles Davis", Date{800000000.5});
+    history.dismissedGenres.insert("Pop");
+    store.setJSON(ListeningGenreHistory::key, history);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"Tarn.listeningGenreHistory.v1.json"});
+    EXPECT_EQ(nlohmann::json::parse(*store.data(ListeningGenreHistory::key)).get<ListeningGenreHistory>(), history);
+}
+
+} // namespace
+} // namespace tarn

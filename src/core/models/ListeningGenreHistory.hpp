@@ -16,6 +16,9 @@ namespace tarn {
 // enough tracks have been seen. Maps are ordered by name, so ties between equal counts always
 // resolve the same way: the alphabetically first name wins.
 struct ListeningGenreHistory {
+    // The preferences key its JSON is stored under.
+    static constexpr std::string_view key = "Tarn.listeningGenreHistory.v1";
+
     static constexpr int suggestThreshold = 10;
     static constexpr std::size_t maxGenreEntries = 100;
     static constexpr std::size_t maxArtistEntries = 200;
