@@ -22,8 +22,10 @@ public:
     std::pair<double, double> processStereo(double left, double right);
 
     // Block path: the same law in single precision with a rational tanh, no library call per
-    // sample. `clipping` then reports whether any sample of the block passed the knee.
-    void processBlock(float* samples, int sampleCount);
+    // sample. `clipping` then reports whether any sample of the block passed the knee. As the
+    // last stage of a route it also makes sure nothing non-finite reaches a device: a NaN
+    // leaves as 0 (an infinity is limited like any loud sample). Returns the block's output peak.
+    float processBlock(float* samples, int sampleCount);
     // The rational-approximation law for one sample (no flag update).
     static float saturate(float x);
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "core/dsp/BlockMath.hpp"
 #include "core/dsp/CorrectionAwareQ.hpp"
 #include "core/dsp/OutputSafetyCeiling.hpp"
 
@@ -160,18 +161,12 @@ void RouteDSPChain::updateHeadroom(double preSaturationPeak, double inputPeak, i
 // Route gain × trim × ceiling, then the ramped headroom and unmute gains, then the limiter.
 // Returns (through preSaturationPeak) the block's peak after the scalar gains and before the
 // headroom gain: the level the route's own settings drive into the limiter.
-void RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak) {
+float RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak) {
     const int c = channelCount_;
     float peak = 0.0f;
     const bool steady = headroomGain_ == headroomTarget_ && muteGain_ == 1.0f;
     if (steady) {
-        const float g = static_cast<float>(headroomGain_);
-        const int n = frameCount * c;
-        for (int i = 0; i < n; ++i) {
-            const float v = samples[i] * scalarGain;
-            peak = finiteMax(peak, v);
-            samples[i] = v * g;
-        }
+        peak = BlockMath::scaleAndPeak(samples, frameCount * c, scalarGain, static_cast<float>(headroomGain_));
     } else {
         const double rateScale = 48000.0 / sampleRate_;
         const double down = headroomDownStepAt48k * rateScale, up = headroomUpStepAt48k * rateScale;
@@ -195,7 +190,7 @@ void RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float sca
         muteGain_ = mg;
     }
     preSaturationPeak = peak;
-    limiter_.processBlock(samples, frameCount * c);
+    return limiter_.processBlock(samples, frameCount * c);
 }
 
 void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
@@ -207,16 +202,7 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     const float trim = loadFloat(outputTrimLinearFloatBits_);
     const float ceiling = loadFloat(ceilingAttenuationLinearFloatBits_);
 
-    // Peaks count finite samples only: one stray infinity must not pin the meters or the
-    // headroom averages for ever.
-    std::fill(channelPeaks_.begin(), channelPeaks_.end(), 0.0f);
-    for (int f = 0; f < frameCount; ++f) {
-        const float* frame = samples + std::size_t(f) * c;
-        for (int ch = 0; ch < c; ++ch) {
-            const float m = std::fabs(frame[ch]);
-            if (m > channelPeaks_[ch] && m <= std::numeric_limits<float>::max()) channelPeaks_[ch] = m;
-        }
-    }
+    BlockMath::channelPeaks(samples, frameCount, c, channelPeaks_.data());
     float inputPeak = 0.0f;
     for (float p : channelPeaks_) inputPeak = std::max(inputPeak, p);
 
@@ -265,12 +251,7 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
         if (!vectorCascadeEnabled_ || !runStagesVectorised(samples, frameCount, eq, correction, parametric))
             runStagesPerChannel(samples, frameCount, eq, correction, parametric);
         float preSaturationPeak = 0.0f;
-        applyGainsAndLimit(samples, frameCount, scalarGain, preSaturationPeak);
-        for (int i = 0; i < n; ++i) {
-            // A non-finite sample (from non-finite input) must never reach the device.
-            if (!std::isfinite(samples[i])) samples[i] = 0.0f;
-            outputPeak = std::max(outputPeak, std::fabs(samples[i]));
-        }
+        outputPeak = applyGainsAndLimit(samples, frameCount, scalarGain, preSaturationPeak);
         updateHeadroom(preSaturationPeak, inputPeak, frameCount);
     }
     wasPassthrough_ = passthrough;

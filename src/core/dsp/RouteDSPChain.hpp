@@ -109,7 +109,8 @@ private:
     static float loadFloat(const std::atomic<std::uint32_t>& bits);
     void trackChannelActivity(const float* channelPeaks);
     void updateHeadroom(double preSaturationPeak, double inputPeak, int frameCount);
-    void applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak);
+    // Returns the output peak.
+    float applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak);
     double finishSample(double x);
     void runStagesPerChannel(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
                              const CorrectionEQ::ProcessingSnapshot& correction,

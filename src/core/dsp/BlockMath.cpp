@@ -1,0 +1,80 @@
+#include "core/dsp/BlockMath.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+// The vector helpers below are always inlined into their dispatched callers, so the
+// 32-byte vector argument ABI note does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+namespace tarn::BlockMath {
+
+namespace {
+typedef float Vec __attribute__((vector_size(32)));
+typedef int IVec __attribute__((vector_size(32)));
+constexpr int width = 8;
+constexpr float largestFinite = std::numeric_limits<float>::max();
+
+inline __attribute__((always_inline)) Vec loadVec(const float* p) {
+    Vec v;
+    __builtin_memcpy(&v, p, sizeof v);
+    return v;
+}
+inline __attribute__((always_inline)) void storeVec(float* p, Vec v) { __builtin_memcpy(p, &v, sizeof v); }
+inline __attribute__((always_inline)) Vec finiteAbs(Vec v) {
+    const IVec bits = (IVec)v & 0x7fffffff;
+    const Vec m = (Vec)bits;
+    return m <= largestFinite ? m : Vec{};
+}
+inline __attribute__((always_inline)) Vec vmax(Vec a, Vec b) { return a > b ? a : b; }
+inline float finiteAbs(float v) {
+    const float m = std::fabs(v);
+    return m <= largestFinite ? m : 0.0f;
+}
+} // namespace
+
+__attribute__((target_clones("avx2", "default"))) void channelPeaks(const float* samples, int frameCount, int channels,
+                                                                     float* peaks) {
+    std::fill(peaks, peaks + channels, 0.0f);
+    const int n = frameCount * channels;
+    int i = 0;
+    if (width % channels == 0) {
+        // Lane k of every vector holds channel k mod channels.
+        Vec acc{};
+        for (; i + width <= n; i += width) acc = vmax(acc, finiteAbs(loadVec(samples + i)));
+        for (int k = 0; k < width; ++k) peaks[k % channels] = std::max(peaks[k % channels], acc[k]);
+    }
+    for (; i < n; ++i) peaks[i % channels] = std::max(peaks[i % channels], finiteAbs(samples[i]));
+}
+
+__attribute__((target_clones("avx2", "default"))) float scaleAndPeak(float* samples, int count, float preGain,
+                                                                      float postGain) {
+    Vec acc{};
+    int i = 0;
+    for (; i + width <= count; i += width) {
+        const Vec v = loadVec(samples + i) * preGain;
+        acc = vmax(acc, finiteAbs(v));
+        storeVec(samples + i, v * postGain);
+    }
+    float result = 0.0f;
+    for (int k = 0; k < width; ++k) result = std::max(result, acc[k]);
+    for (; i < count; ++i) {
+        const float v = samples[i] * preGain;
+        result = std::max(result, finiteAbs(v));
+        samples[i] = v * postGain;
+    }
+    return result;
+}
+
+__attribute__((target_clones("avx2", "default"))) float peak(const float* samples, int count) {
+    Vec acc{};
+    int i = 0;
+    for (; i + width <= count; i += width) acc = vmax(acc, finiteAbs(loadVec(samples + i)));
+    float result = 0.0f;
+    for (int k = 0; k < width; ++k) result = std::max(result, acc[k]);
+    for (; i < count; ++i) result = std::max(result, finiteAbs(samples[i]));
+    return result;
+}
+
+} // namespace tarn::BlockMath

@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "core/dsp/BlockMath.hpp"
+#include "core/dsp/Limiter.hpp"
+
+namespace tarn {
+namespace {
+
+constexpr float inf = std::numeric_limits<float>::infinity();
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+
+std::vector<float> awkwardBlock(int n) {
+    std::vector<float> x(n);
+    for (int i = 0; i < n; ++i) x[i] = float(std::sin(0.37 * i) * (1.0 + 0.01 * i));
+    if (n > 5) x[3] = nan, x[5] = -inf;
+    return x;
+}
+
+TEST(BlockMath, ChannelPeaksMatchAPlainScanAndIgnoreNonFiniteSamples) {
+    for (int channels : {1, 2, 3, 4, 6, 8}) {
+        for (int frames : {1, 7, 64, 333}) {
+            const auto x = awkwardBlock(frames * channels);
+            std::vector<float> peaks(channels, -1.0f), expect(channels, 0.0f);
+            for (int i = 0; i < frames * channels; ++i)
+                if (std::isfinite(x[i])) expect[i % channels] = std::max(expect[i % channels], std::fabs(x[i]));
+            BlockMath::channelPeaks(x.data(), frames, channels, peaks.data());
+            EXPECT_EQ(peaks, expect) << channels << " channels, " << frames << " frames";
+        }
+    }
+}
+
+TEST(BlockMath, ScaleAndPeakAppliesBothGainsInOrder) {
+    for (int n : {3, 8, 77}) {
+        auto x = awkwardBlock(n);
+        const auto input = x;
+        const float peak = BlockMath::scaleAndPeak(x.data(), n, 1.7f, 0.3f);
+        float expectPeak = 0;
+        for (int i = 0; i < n; ++i) {
+            const float v = input[i] * 1.7f;
+            if (std::isfinite(v)) expectPeak = std::max(expectPeak, std::fabs(v));
+            const float y = v * 0.3f;
+            ASSERT_EQ(std::memcmp(&x[i], &y, sizeof y), 0) << i;
+        }
+        EXPECT_EQ(peak, expectPeak);
+        float outPeak = 0;
+        for (float v : x) {
+            if (std::isfinite(v)) outPeak = std::max(outPeak, std::fabs(v));
+        }
+        EXPECT_EQ(BlockMath::peak(x.data(), n), outPeak);
+    }
+}
+
+TEST(Limiter, VectorBlockPathIsTheScalarLawSampleForSample) {
+    std::vector<float> x;
+    for (int i = 0; i <= 40001; ++i) x.push_back(-6.0f + 12.0f * float(i) / 40001.0f);
+    x.insert(x.end(), {inf, -inf, nan, 0.83f, -0.83f, 0.8300001f, 1e30f, -0.0f});
+    auto y = x;
+    Limiter l;
+    const float peak = l.processBlock(y.data(), int(y.size()));
+    float expectPeak = 0;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const float expect = std::isnan(x[i]) ? 0.0f : Limiter::saturate(x[i]);
+        ASSERT_EQ(std::memcmp(&y[i], &expect, sizeof expect), 0) << x[i] << " gave " << y[i] << " not " << expect;
+        expectPeak = std::max(expectPeak, std::fabs(expect));
+    }
+    EXPECT_EQ(peak, expectPeak);
+    EXPECT_TRUE(l.isClipping());
+}
+
+} // namespace
+} // namespace tarn
