@@ -72,17 +72,32 @@ void runChain(benchmark::State& state, tarn::RouteDSPChain& chain, int sections,
     state.counters["limiter_engaged_blocks"] = double(clippedBlocks) / double(state.iterations());
 }
 
-void BM_FullRoute(benchmark::State& state) {
-    tarn::RouteDSPChain chain(channels, sampleRate);
+void setUpFullRoute(tarn::RouteDSPChain& chain) {
     const double gains[10] = {4, 3, 2, -1, -2, 1, 3, 2, -3, 5};
     for (int i = 0; i < 10; ++i) chain.customEQ().setGain(gains[i], i);
     chain.correctionEQ().loadProfile(tenFilterProfile(-4.5, 1.0));
     chain.userParametricEQ().loadProfile(tenFilterProfile(-1.0, 1.13));
     chain.setGain(6);
     chain.setSafetyCeilingEnabled(false);   // keep the level high enough for the limiter to work
+}
+
+void BM_FullRoute(benchmark::State& state) {
+    tarn::RouteDSPChain chain(channels, sampleRate);
+    setUpFullRoute(chain);
+    state.SetLabel(tarn::SectionCascade::dispatchedInstructionSet());
     runChain(state, chain, 30);
 }
-BENCHMARK(BM_FullRoute)->Arg(128)->Arg(512)->Arg(4096);
+BENCHMARK(BM_FullRoute)->Arg(128)->Arg(512)->Arg(1024)->Arg(4096);
+
+// The same route through every stage's own per-channel processBlock: the reference the vector
+// cascade replaces (and must match bit for bit).
+void BM_FullRoutePerChannelStages(benchmark::State& state) {
+    tarn::RouteDSPChain chain(channels, sampleRate);
+    setUpFullRoute(chain);
+    chain.setVectorCascadeEnabled(false);
+    runChain(state, chain, 30);
+}
+BENCHMARK(BM_FullRoutePerChannelStages)->Arg(512);
 
 void BM_FlatRoute(benchmark::State& state) {
     tarn::RouteDSPChain chain(channels, sampleRate);

@@ -1,5 +1,7 @@
 #include "core/dsp/BlockMath.hpp"
 
+#include "core/dsp/CpuDispatch.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -34,8 +36,8 @@ inline float finiteAbs(float v) {
 }
 } // namespace
 
-__attribute__((target_clones("avx2", "default"))) void channelPeaks(const float* samples, int frameCount, int channels,
-                                                                     float* peaks) {
+namespace {
+inline __attribute__((always_inline)) void channelPeaksBody(const float* samples, int frameCount, int channels, float* peaks) {
     std::fill(peaks, peaks + channels, 0.0f);
     const int n = frameCount * channels;
     int i = 0;
@@ -48,8 +50,7 @@ __attribute__((target_clones("avx2", "default"))) void channelPeaks(const float*
     for (; i < n; ++i) peaks[i % channels] = std::max(peaks[i % channels], finiteAbs(samples[i]));
 }
 
-__attribute__((target_clones("avx2", "default"))) float scaleAndPeak(float* samples, int count, float preGain,
-                                                                      float postGain) {
+inline __attribute__((always_inline)) float scaleAndPeakBody(float* samples, int count, float preGain, float postGain) {
     Vec acc{};
     int i = 0;
     for (; i + width <= count; i += width) {
@@ -67,7 +68,7 @@ __attribute__((target_clones("avx2", "default"))) float scaleAndPeak(float* samp
     return result;
 }
 
-__attribute__((target_clones("avx2", "default"))) float peak(const float* samples, int count) {
+inline __attribute__((always_inline)) float peakBody(const float* samples, int count) {
     Vec acc{};
     int i = 0;
     for (; i + width <= count; i += width) acc = vmax(acc, finiteAbs(loadVec(samples + i)));
@@ -75,6 +76,28 @@ __attribute__((target_clones("avx2", "default"))) float peak(const float* sample
     for (int k = 0; k < width; ++k) result = std::max(result, acc[k]);
     for (; i < count; ++i) result = std::max(result, finiteAbs(samples[i]));
     return result;
+}
+
+void channelPeaksPortable(const float* s, int f, int c, float* p) { channelPeaksBody(s, f, c, p); }
+TARN_TARGET_AVX2 void channelPeaksAvx2(const float* s, int f, int c, float* p) { channelPeaksBody(s, f, c, p); }
+float scaleAndPeakPortable(float* s, int n, float a, float b) { return scaleAndPeakBody(s, n, a, b); }
+TARN_TARGET_AVX2 float scaleAndPeakAvx2(float* s, int n, float a, float b) { return scaleAndPeakBody(s, n, a, b); }
+float peakPortable(const float* s, int n) { return peakBody(s, n); }
+TARN_TARGET_AVX2 float peakAvx2(const float* s, int n) { return peakBody(s, n); }
+} // namespace
+
+void channelPeaks(const float* samples, int frameCount, int channels, float* peaks) {
+    if (CpuDispatch::hasAvx2()) channelPeaksAvx2(samples, frameCount, channels, peaks);
+    else channelPeaksPortable(samples, frameCount, channels, peaks);
+}
+
+float scaleAndPeak(float* samples, int count, float preGain, float postGain) {
+    return CpuDispatch::hasAvx2() ? scaleAndPeakAvx2(samples, count, preGain, postGain)
+                                  : scaleAndPeakPortable(samples, count, preGain, postGain);
+}
+
+float peak(const float* samples, int count) {
+    return CpuDispatch::hasAvx2() ? peakAvx2(samples, count) : peakPortable(samples, count);
 }
 
 } // namespace tarn::BlockMath

@@ -1,5 +1,7 @@
 #include "core/dsp/Limiter.hpp"
 
+#include "core/dsp/CpuDispatch.hpp"
+
 #include <cmath>
 
 // The vector helpers below are always inlined into their dispatched callers, so the
@@ -61,7 +63,7 @@ typedef float Vec __attribute__((vector_size(32)));
 typedef int IVec __attribute__((vector_size(32)));
 
 // Lane by lane exactly Limiter::saturate, plus the NaN rule; returns the output peak.
-__attribute__((target_clones("avx2", "default"))) float limitBlock(float* samples, int count, bool& anyOverKnee) {
+inline __attribute__((always_inline)) float limitBlockBody(float* samples, int count, bool& anyOverKnee) {
     constexpr int width = 8;
     Vec peak{};
     IVec over{};
@@ -102,11 +104,15 @@ __attribute__((target_clones("avx2", "default"))) float limitBlock(float* sample
     anyOverKnee = anyOver;
     return result;
 }
+
+float limitBlockPortable(float* samples, int count, bool& any) { return limitBlockBody(samples, count, any); }
+TARN_TARGET_AVX2 float limitBlockAvx2(float* samples, int count, bool& any) { return limitBlockBody(samples, count, any); }
 } // namespace
 
 float Limiter::processBlock(float* samples, int sampleCount) {
     bool any = false;
-    const float peak = limitBlock(samples, sampleCount, any);
+    const float peak = CpuDispatch::hasAvx2() ? limitBlockAvx2(samples, sampleCount, any)
+                                              : limitBlockPortable(samples, sampleCount, any);
     clipping_.store(any);
     return peak;
 }

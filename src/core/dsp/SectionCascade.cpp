@@ -1,5 +1,7 @@
 #include "core/dsp/SectionCascade.hpp"
 
+#include "core/dsp/CpuDispatch.hpp"
+
 #include <algorithm>
 #include <cstring>
 
@@ -111,13 +113,26 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
 }
 
 template <int CH>
-__attribute__((target_clones("avx2", "default"))) void runPasses(float* buffer, int frameCount, int stride,
-                                                                  int firstChannel,
-                                                                  const SectionCascade::Section* sections,
-                                                                  int sectionCount) {
+inline __attribute__((always_inline)) void runPasses(float* buffer, int frameCount, int stride, int firstChannel,
+                                                      const SectionCascade::Section* sections, int sectionCount) {
     constexpr int perPass = SectionCascade::maxRows * (SectionCascade::laneCount / CH);
     for (int first = 0; first < sectionCount; first += perPass)
         runPass<CH>(buffer, frameCount, stride, firstChannel, sections + first, std::min(perPass, sectionCount - first));
+}
+
+template <int CH>
+void runPassesPortable(float* b, int n, int stride, int first, const SectionCascade::Section* s, int count) {
+    runPasses<CH>(b, n, stride, first, s, count);
+}
+template <int CH>
+TARN_TARGET_AVX2 void runPassesAvx2(float* b, int n, int stride, int first, const SectionCascade::Section* s, int count) {
+    runPasses<CH>(b, n, stride, first, s, count);
+}
+
+template <int CH>
+void dispatch(float* b, int n, int stride, int first, const SectionCascade::Section* s, int count) {
+    if (CpuDispatch::hasAvx2()) runPassesAvx2<CH>(b, n, stride, first, s, count);
+    else runPassesPortable<CH>(b, n, stride, first, s, count);
 }
 
 } // namespace
@@ -125,8 +140,8 @@ __attribute__((target_clones("avx2", "default"))) void runPasses(float* buffer, 
 void SectionCascade::run(float* buffer, int frameCount, int stride, int firstChannel, int channelsInGroup,
                          std::span<const Section> sections) {
     if (frameCount < 1 || sections.empty()) return;
-    if (channelsInGroup == 2) runPasses<2>(buffer, frameCount, stride, firstChannel, sections.data(), int(sections.size()));
-    else runPasses<1>(buffer, frameCount, stride, firstChannel, sections.data(), int(sections.size()));
+    if (channelsInGroup == 2) dispatch<2>(buffer, frameCount, stride, firstChannel, sections.data(), int(sections.size()));
+    else dispatch<1>(buffer, frameCount, stride, firstChannel, sections.data(), int(sections.size()));
 }
 
 void SectionCascade::runScalar(float* buffer, int frameCount, int stride, int firstChannel, int channelsInGroup,
@@ -144,12 +159,7 @@ void SectionCascade::runScalar(float* buffer, int frameCount, int stride, int fi
 }
 
 const char* SectionCascade::dispatchedInstructionSet() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") ? "avx2" : "baseline";
-#else
-    return "baseline";
-#endif
+    return CpuDispatch::hasAvx2() ? "avx2" : "baseline";
 }
 
 } // namespace tarn
