@@ -264,6 +264,24 @@ TEST_F(Engines, RendererFadesOutBeforeTheUnitStops) {
         ASSERT_LE(std::fabs(out[i] - out[i - 2]), 0.5f / 240.0f + 1e-6f) << "no click at frame " << i / 2;
 }
 
+TEST_F(Engines, RendererWaitsForTheFadeWhenCyclesAreLongerThanTheWait) {
+    auto ring = std::make_shared<AudioRingBuffer>(2, 1 << 16);
+    std::vector<float> music(2 * 60000, 0.5f);
+    ring->write(music.data(), 60000);
+    AudioOutputRenderer renderer(platform, speakers, nullptr, ring, RouteDSPStage::capture);
+    // A slow device: one 2048-frame cycle every 100 ms, far longer than the 30 ms wait.
+    platform.setRenderSink({2048, 0, std::chrono::milliseconds(100)});
+    renderer.start(48000);
+    ASSERT_TRUE(platform.waitForRenderCycles(2));
+    const auto before = std::chrono::steady_clock::now();
+    renderer.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(400));
+    const auto out = platform.renderedSamples();
+    ASSERT_GE(out.size(), 3u * 2 * 2048) << "a cycle ran after the fade-out was asked for";
+    for (std::size_t i = out.size() - 2 * 1024; i < out.size(); ++i) ASSERT_EQ(out[i], 0.0f) << "the unit stopped faded out";
+    EXPECT_TRUE(platform.isClean());
+}
+
 struct RenderFailure {
     Step step;
     RenderCase expected;

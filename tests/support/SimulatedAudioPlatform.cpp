@@ -514,7 +514,7 @@ void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
             }
             ++cycles;
             renderCycles_.fetch_add(1);
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
+            std::this_thread::sleep_for(sink.cyclePeriod);
         }
         runningThreads_.fetch_sub(1);
     });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -78,6 +79,8 @@ public:
     struct RenderSink {
         std::uint32_t framesPerCycle = 512;
         std::uint64_t maxCycles = 0;
+        // Pause between cycles (a real device's cycle lasts framesPerCycle / rate).
+        std::chrono::microseconds cyclePeriod{300};
     };
 
     SimulatedAudioPlatform();

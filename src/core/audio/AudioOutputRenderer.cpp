@@ -88,6 +88,10 @@ void AudioOutputRenderer::stop() {
             // Let the render thread fade to silence before the unit stops: no click.
             kernel_.fadeOutRequested.store(true, std::memory_order_release);
             std::this_thread::sleep_for(fadeOutWait);
+            const auto limit = std::chrono::steady_clock::now() + (fadeOutLimit - fadeOutWait);
+            while (!kernel_.hasFadedOut.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < limit) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
             platform_.stopOutputUnit(audioUnit_);
         }
         platform_.uninitializeOutputUnit(audioUnit_);
@@ -99,6 +103,7 @@ void AudioOutputRenderer::stop() {
     ioScratch_.reset();
     lastSamples_.reset();
     kernel_.fadeOutRequested.store(false);
+    kernel_.hasFadedOut.store(false);
     isRunning_ = false;
 }
 

@@ -20,9 +20,11 @@ class RouteDSPChain;
 // the render kernel's fades and underrun concealment.
 //
 // `start` and `stop` run on the control thread. A start that fails after the unit exists stops
-// itself before throwing, so no half-built unit survives. `stop()` fades out (it raises the
-// fade-out request and waits `fadeOutWait` before stopping the unit) and may be called any
-// number of times; destruction calls it.
+// itself before throwing, so no half-built unit survives. `stop()` fades out: it raises the
+// fade-out request and waits `fadeOutWait` before stopping the unit. When the device runs
+// cycles longer than that wait (a 2048-frame quantum lasts 43 ms at 48 kHz), it keeps waiting,
+// up to `fadeOutLimit`, until the callback reports silence, so stopping never clicks. `stop()`
+// may be called any number of times; destruction calls it.
 class AudioOutputRenderer {
 public:
     class StartError : public std::exception {
@@ -54,6 +56,7 @@ public:
 
     static constexpr std::uint32_t maximumFramesPerSlice = 4096;
     static constexpr std::chrono::milliseconds fadeOutWait{30};
+    static constexpr std::chrono::milliseconds fadeOutLimit{250};
 
     AudioOutputRenderer(AudioPlatform& platform, std::uint32_t outputDeviceID, std::shared_ptr<RouteDSPChain> dspChain,
                         std::shared_ptr<AudioRingBuffer> ringBuffer, RouteDSPStage dspStage);

@@ -19,6 +19,7 @@ void RenderKernel::prepare(double sampleRate) {
     resumeGain = 1.0f;
     resumeStep = float(1.0 / (sampleRate * resumeRampSeconds));
     fadeOutRequested.store(false);
+    hasFadedOut.store(false);
 }
 
 void RenderKernel::render(std::uint32_t requestedFrames, AudioBufferList& output) {
@@ -76,6 +77,7 @@ void RenderKernel::render(std::uint32_t requestedFrames, AudioBufferList& output
     if (!fadingOut && fadeGain == 1.0f) return;
     if (fadingOut && fadeGain == 0.0f) {
         std::memset(out, 0, std::size_t(frameCount * c) * sizeof(float));
+        hasFadedOut.store(true, std::memory_order_release);
         return;
     }
     const float targetGain = fadingOut ? 0.0f : 1.0f;
@@ -84,6 +86,7 @@ void RenderKernel::render(std::uint32_t requestedFrames, AudioBufferList& output
                                          : std::max(fadeGain - fadeStep, targetGain);
         for (std::int64_t ch = 0; ch < c; ++ch) out[f * c + ch] *= fadeGain;
     }
+    if (fadingOut && fadeGain == 0.0f) hasFadedOut.store(true, std::memory_order_release);
 }
 
 } // namespace tarn

@@ -18,7 +18,8 @@ class RouteDSPChain;
 //
 // Real-time: no lock, no allocation, no system call. The ramp and fade fields are written by
 // `prepare` before the platform starts calling, and by the callback only while it runs;
-// `fadeOutRequested` is the one value the control thread writes while the callback runs.
+// `fadeOutRequested` is the one value the control thread writes while the callback runs;
+// `hasFadedOut` is the one it reads back.
 struct RenderKernel {
     static constexpr std::int64_t maxFrames = 4096;
     static constexpr float underrunDecayPerFrame = 0.94f;
@@ -37,6 +38,8 @@ struct RenderKernel {
     float resumeGain = 1.0f;
     float resumeStep = 1.0f / 144.0f;
     std::atomic<bool> fadeOutRequested{false};
+    // Raised by the callback once a requested fade-out has reached silence.
+    std::atomic<bool> hasFadedOut{false};
 
     // Start values of the fade and ramps for a stream at `sampleRate`.
     void prepare(double sampleRate);
