@@ -179,7 +179,11 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
     } catch (const DecodingError& e) {
         throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
     } catch (const nlohmann::json::exception& e) {
-        throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
+        // nlohmann's messages start with "[json.exception.type.NNN] "; the rest is the useful part.
+        std::string why = e.what();
+        if (auto end = why.find("] "); why.starts_with("[json.exception") && end != std::string::npos)
+            why.erase(0, end + 2);
+        throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), why));
     }
 }
 

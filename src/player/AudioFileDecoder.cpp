@@ -1,6 +1,9 @@
 #include "player/AudioFileDecoder.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <sndfile.h>
@@ -61,6 +64,9 @@ class SndfileState final : public AudioFileDecoder::State {
 public:
     // Nothing when libsndfile does not read the file or it is better left to FFmpeg.
     static std::unique_ptr<SndfileState> open(const std::filesystem::path& path) {
+        // Only files that announce one of these containers in their first bytes: libsndfile's
+        // own probing of anything else (MP3 through mpg123) writes warnings to stderr.
+        if (!hasSndfileSignature(path)) return nullptr;
         SF_INFO info{};
         SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
         if (!file) return nullptr;
@@ -86,6 +92,17 @@ public:
     }
 
     ~SndfileState() override { sf_close(file_); }
+
+    static bool hasSndfileSignature(const std::filesystem::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        char head[12] = {};
+        if (!in.read(head, sizeof head)) return false;
+        const std::string_view h(head, sizeof head);
+        const std::string_view riff = h.substr(0, 4), kind = h.substr(8, 4);
+        return ((riff == "RIFF" || riff == "RF64" || riff == "BW64") && kind == "WAVE") ||
+               (riff == "FORM" && (kind == "AIFF" || kind == "AIFC")) || riff == "fLaC" || riff == "caff" ||
+               h.substr(0, 4) == "riff";   // Sony Wave64
+    }
 
     int read(float* interleaved, int maxFrames) override {
         int done = 0;
@@ -117,9 +134,11 @@ public:
     explicit FFmpegState(const std::filesystem::path& p) : ff_(loadLibrary(p)) {
         path = p;
         int rc = ff_.avformat_open_input(&format_, path.c_str(), nullptr, nullptr);
-        if (rc < 0) fail(fmt::format("cannot open: {}", averror(ff_, rc)));
+        if (rc == AVERROR(ENOENT) || rc == AVERROR(EACCES) || rc == AVERROR(EISDIR))
+            fail(fmt::format("cannot open: {}", averror(ff_, rc)));
+        if (rc < 0) fail(fmt::format("not an audio file that can be read ({})", averror(ff_, rc)));
         rc = ff_.avformat_find_stream_info(format_, nullptr);
-        if (rc < 0) fail(fmt::format("not a readable audio file: {}", averror(ff_, rc)));
+        if (rc < 0) fail(fmt::format("not an audio file that can be read ({})", averror(ff_, rc)));
 
         const AVCodec* decoder = nullptr;
         streamIndex_ = ff_.av_find_best_stream(format_, AVMEDIA_TYPE_AUDIO, -1, -1, &decoder, 0);

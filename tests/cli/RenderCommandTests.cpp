@@ -236,6 +236,11 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
     const auto badJson = write("bad.json", "{\"preampDb\": -3, ");
     const auto notAProfile = write("wrong.json", "{\"preampDb\": \"loud\", \"filters\": []}");
     const auto notAudio = write("notes.wav", "plain text, not audio, long enough to be probed");
+    // Noise named like an MP3: probing it must not let any library chatter on stderr.
+    std::string noise(4000, '\0');
+    std::uint32_t x = 12345;
+    for (auto& c : noise) c = char((x = x * 1664525u + 1013904223u) >> 24);
+    write("noise.mp3", noise);
     test::writeSoundFile(dir / "nine.wav", test::sineWave(100, 0.1, 8000, 9, 800));
 
     struct Case {
@@ -245,6 +250,7 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
     const Case cases[] = {
         {{(dir / "missing.wav").string(), out}, "missing.wav"},
         {{notAudio, out}, "notes.wav"},
+        {{(dir / "noise.mp3").string(), out}, "noise.mp3"},
         {{(dir / "nine.wav").string(), out}, "nine.wav"},
         {{in, out, "--parametric", noFilters}, "nofilters.txt"},
         {{in, out, "--parametric", (dir / "none.txt").string()}, "none.txt"},
@@ -260,8 +266,8 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
         EXPECT_EQ(std::count(result.standardError.begin(), result.standardError.end(), '\n'), 1) << c.named;
     }
     // Only what was there before: no temporary files, the old output untouched.
-    std::vector<std::string> expected = {"bad.json", "in.wav", "nine.wav", "nofilters.txt", "notes.wav", "out.wav",
-                                         "wrong.json"};
+    std::vector<std::string> expected = {"bad.json", "in.wav", "nine.wav", "nofilters.txt",
+                                         "noise.mp3", "notes.wav", "out.wav", "wrong.json"};
     EXPECT_EQ(dir.entries(), expected);
     std::ifstream old(dir / "out.wav");
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old), {}), "the previous render");
