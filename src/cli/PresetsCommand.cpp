@@ -78,7 +78,7 @@ int runImport(const PresetsOptions& options) {
         imported.modelName = *options.name;
     }
     PresetStore store = openStore();
-    const EQPreset preset = EQPreset::imported(imported.modelName, imported.preampDb, imported.filters);
+    const EQPreset preset = EQPreset::imported(imported);
     try {
         store.save(preset);
     } catch (const PreferencesStore::Error& e) {

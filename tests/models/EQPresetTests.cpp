@@ -46,9 +46,9 @@ TEST(EQPresetJSON, RequiredKeysFailThePreset) {
 }
 
 TEST(EQPresetJSON, RoundTripWritesEveryKeyButAnAbsentProfile) {
-    EQPreset p = EQPreset::imported("Moondrop Aria", -6.7,
-                                    {{ParametricFilterSpec::Shape::lowShelf, 105, 12.2, 0.7},
-                                     {ParametricFilterSpec::Shape::peaking, 61, -10.1, 0.34}},
+    EQPreset p = EQPreset::imported(ImportedEQ{"Moondrop Aria", -6.7,
+                                               {{ParametricFilterSpec::Shape::lowShelf, 105, 12.2, 0.7},
+                                                {ParametricFilterSpec::Shape::peaking, 61, -10.1, 0.34}}},
                                     Date{700000000.123});
     const json written = p;
     EXPECT_FALSE(written.contains("correctionProfileID"));
@@ -63,8 +63,8 @@ TEST(EQPresetJSON, RoundTripWritesEveryKeyButAnAbsentProfile) {
 
 TEST(EQPreset, ImportStartsFlatAndThreeDecibelsDown) {
     const std::vector<ParametricFilterSpec> filters = {{ParametricFilterSpec::Shape::highShelf, 10000, -2, 0.7}};
-    const EQPreset a = EQPreset::imported("IEM", -4.5, filters, Date{1.0});
-    const EQPreset b = EQPreset::imported("IEM", -4.5, filters, Date{1.0});
+    const EQPreset a = EQPreset::imported(ImportedEQ{"IEM", -4.5, filters}, Date{1.0});
+    const EQPreset b = EQPreset::imported(ImportedEQ{"IEM", -4.5, filters}, Date{1.0});
     EXPECT_NE(a.id, b.id);
     EXPECT_EQ(a.name, "IEM");
     EXPECT_EQ(a.createdAt, Date{1.0});

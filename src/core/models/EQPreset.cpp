@@ -4,17 +4,16 @@
 
 namespace tarn {
 
-EQPreset EQPreset::imported(std::string modelName, double preampDb, std::vector<ParametricFilterSpec> filters,
-                            Date createdAt) {
+EQPreset EQPreset::imported(const ImportedEQ& eq, Date createdAt) {
     EQPreset preset;
     preset.id = UUID::random();
-    preset.name = std::move(modelName);
+    preset.name = eq.modelName;
     preset.createdAt = createdAt;
     preset.bandGains.assign(TenBandLayout::bandCount, 0.0);
     preset.selectedGenre = GenrePreset::flat;
     preset.outputTrimDb = importedOutputTrimDb;
-    preset.parametricFilters = std::move(filters);
-    preset.parametricPreampDb = preampDb;
+    preset.parametricFilters = eq.filters;
+    preset.parametricPreampDb = eq.preampDb;
     return preset;
 }
 

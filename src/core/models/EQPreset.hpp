@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/dsp/ParametricFilterSpec.hpp"
+#include "core/io/ImportedEQ.hpp"
 #include "core/models/Date.hpp"
 #include "core/models/GenrePreset.hpp"
 #include "core/models/UUID.hpp"
@@ -29,8 +30,7 @@ struct EQPreset {
 
     // The preset an imported parametric-EQ file becomes: a fresh id, named after the import,
     // created now, flat bands and genre, no correction profile.
-    static EQPreset imported(std::string modelName, double preampDb, std::vector<ParametricFilterSpec> filters,
-                             Date createdAt = Date::now());
+    static EQPreset imported(const ImportedEQ& eq, Date createdAt = Date::now());
 
     bool hasParametricFilters() const { return !parametricFilters.empty(); }
 
