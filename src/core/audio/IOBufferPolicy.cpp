@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include "core/audio/AudioPlatform.hpp"
@@ -14,8 +15,13 @@ namespace tarn::IOBufferPolicy {
 
 namespace {
 
+// Diagnostics go to stderr, never stdout, where commands write what scripts read. An application
+// that registers its own "io-buffer" logger first gets these messages there instead.
 spdlog::logger& log() {
-    static const auto logger = spdlog::default_logger()->clone("io-buffer");
+    static const auto logger = [] {
+        if (auto registered = spdlog::get("io-buffer")) return registered;
+        return spdlog::stderr_color_mt("io-buffer");
+    }();
     return *logger;
 }
 
