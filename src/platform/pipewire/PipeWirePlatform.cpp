@@ -125,6 +125,10 @@ struct PipeWirePlatform::Impl {
         std::atomic<bool> isRunning{false};
         std::atomic<spa_io_position*> position{nullptr};
         std::atomic<uint32_t> quantum{0};
+        // Render only: cycles the graph skipped (the clock jumped past where the last one ended).
+        std::atomic<uint64_t> expectedPosition{0};
+        std::atomic<uint64_t> xruns{0};
+        std::atomic<uint64_t> cycles{0};
         // written on the loop thread, read under its lock
         pw_stream_state state = PW_STREAM_STATE_UNCONNECTED;
         std::string failure;
@@ -132,6 +136,7 @@ struct PipeWirePlatform::Impl {
     std::map<IOProcHandle, std::unique_ptr<Stream>> ioProcs;
     std::map<OutputUnitHandle, std::unique_ptr<Stream>> units;
     std::map<ObjectID, uint32_t> requestedFrames; // node.latency asked per device or capture sink
+    uint64_t retiredXruns = 0;                     // of output units already disposed
 
     struct Listener {
         enum class Kind { processes, running, devices } kind;
@@ -233,8 +238,16 @@ struct PipeWirePlatform::Impl {
     }
 
     static void noteQuantum(Stream* s) {
-        if (auto* pos = s->position.load(std::memory_order_acquire))
-            s->quantum.store(static_cast<uint32_t>(pos->clock.duration), std::memory_order_relaxed);
+        auto* pos = s->position.load(std::memory_order_acquire);
+        if (!pos) return;
+        s->quantum.store(static_cast<uint32_t>(pos->clock.duration), std::memory_order_relaxed);
+        // The graph restarts its clock while routes join it: count from half a second in.
+        uint64_t expected = s->expectedPosition.load(std::memory_order_relaxed);
+        uint64_t cycles = s->cycles.fetch_add(1, std::memory_order_relaxed);
+        bool settled = cycles * pos->clock.duration >= pos->clock.rate.denom / 2;
+        if (expected != 0 && settled && pos->clock.position != expected && s->isRunning.load(std::memory_order_relaxed))
+            s->xruns.fetch_add(1, std::memory_order_relaxed);
+        s->expectedPosition.store(pos->clock.position + pos->clock.duration, std::memory_order_relaxed);
     }
 
     // Real-time: the capture stream's cycle.
@@ -449,6 +462,13 @@ std::optional<std::string> PipeWirePlatform::ioProcFailure(IOProcHandle handle) 
     auto it = impl_->ioProcs.find(handle);
     if (it == impl_->ioProcs.end() || it->second->failure.empty()) return std::nullopt;
     return it->second->failure;
+}
+
+std::uint64_t PipeWirePlatform::xrunCount() {
+    PipeWireConnection::Lock lock(*connection_);
+    uint64_t total = impl_->retiredXruns;
+    for (auto& [h, s] : impl_->units) total += s->xruns.load(std::memory_order_relaxed);
+    return total;
 }
 
 // ---- capture ------------------------------------------------------------------------------
@@ -758,6 +778,7 @@ AudioPlatform::Status PipeWirePlatform::disposeOutputUnit(OutputUnitHandle unit)
     auto it = impl_->units.find(unit);
     if (it == impl_->units.end()) return -ENOENT;
     impl_->destroyStream(*it->second);
+    impl_->retiredXruns += it->second->xruns.load(std::memory_order_relaxed);
     impl_->units.erase(it);
     return noError;
 }
@@ -836,37 +857,39 @@ AudioPlatform::Status PipeWirePlatform::addDeviceListListener(ChangeListener lis
 
 AudioPlatform::Status PipeWirePlatform::processObjectList(std::vector<ObjectID>& processes) {
     if (int err = connection_->connectionError()) return err;
+    PipeWireConnection::Lock lock(*connection_);
     processes.clear();
-    for (const auto& app : PipeWireApplication::list(connection_->graph())) processes.push_back(app.objectID);
+    for (const auto& app : impl_->lastApps) processes.push_back(app.objectID);
     return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::processPID(ObjectID process, std::int32_t& pid) {
-    auto apps = PipeWireApplication::list(connection_->graph());
-    auto* app = Impl::appFor(apps, process);
+    PipeWireConnection::Lock lock(*connection_);
+    auto* app = Impl::appFor(impl_->lastApps, process);
     if (!app || app->pid <= 0) return -ESRCH;
     pid = app->pid;
     return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::processBundleID(ObjectID process, std::string& bundleID) {
-    auto apps = PipeWireApplication::list(connection_->graph());
-    auto* app = Impl::appFor(apps, process);
+    PipeWireConnection::Lock lock(*connection_);
+    auto* app = Impl::appFor(impl_->lastApps, process);
     if (!app) return -ESRCH;
     bundleID = app->identity;
     return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::processIsRunningOutput(ObjectID process, bool& isRunning) {
-    auto apps = PipeWireApplication::list(connection_->graph());
-    auto* app = Impl::appFor(apps, process);
+    PipeWireConnection::Lock lock(*connection_);
+    auto* app = Impl::appFor(impl_->lastApps, process);
     if (!app) return -ESRCH;
     isRunning = app->isRunningOutput;
     return noError;
 }
 
 std::optional<AudioPlatform::RunningApplication> PipeWirePlatform::runningApplication(std::int32_t pid) {
-    for (const auto& app : PipeWireApplication::list(connection_->graph())) {
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& app : impl_->lastApps) {
         if (app.pid != pid || app.name.empty()) continue;
         RunningApplication out;
         out.localizedName = app.name;
@@ -880,13 +903,15 @@ std::optional<AudioPlatform::RunningApplication> PipeWirePlatform::runningApplic
 
 AudioPlatform::Status PipeWirePlatform::outputDeviceList(std::vector<ObjectID>& devices) {
     if (int err = connection_->connectionError()) return err;
+    PipeWireConnection::Lock lock(*connection_);
     devices.clear();
-    for (const auto& d : PipeWireDevice::list(connection_->graph())) devices.push_back(d.nodeID);
+    for (const auto& d : impl_->lastDevices) devices.push_back(d.nodeID);
     return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::defaultOutputDevice(ObjectID& deviceID) {
-    for (const auto& d : PipeWireDevice::list(connection_->graph()))
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& d : impl_->lastDevices)
         if (d.isDefault) {
             deviceID = d.nodeID;
             return noError;
@@ -895,7 +920,8 @@ AudioPlatform::Status PipeWirePlatform::defaultOutputDevice(ObjectID& deviceID) 
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceForUID(const std::string& uid, ObjectID& deviceID) {
-    for (const auto& d : PipeWireDevice::list(connection_->graph()))
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& d : impl_->lastDevices)
         if (d.uid == uid) {
             deviceID = d.nodeID;
             return noError;
@@ -904,7 +930,8 @@ AudioPlatform::Status PipeWirePlatform::deviceForUID(const std::string& uid, Obj
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceUID(ObjectID deviceID, std::string& uid) {
-    for (const auto& d : PipeWireDevice::list(connection_->graph()))
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& d : impl_->lastDevices)
         if (d.nodeID == deviceID) {
             uid = d.uid;
             return noError;
@@ -913,7 +940,8 @@ AudioPlatform::Status PipeWirePlatform::deviceUID(ObjectID deviceID, std::string
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceName(ObjectID deviceID, std::string& name) {
-    for (const auto& d : PipeWireDevice::list(connection_->graph()))
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& d : impl_->lastDevices)
         if (d.nodeID == deviceID) {
             name = d.name;
             return noError;
@@ -923,7 +951,8 @@ AudioPlatform::Status PipeWirePlatform::deviceName(ObjectID deviceID, std::strin
 
 AudioPlatform::Status PipeWirePlatform::outputStreamChannelCounts(ObjectID deviceID,
                                                                   std::vector<std::uint32_t>& channelCounts) {
-    for (const auto& d : PipeWireDevice::list(connection_->graph()))
+    PipeWireConnection::Lock lock(*connection_);
+    for (const auto& d : impl_->lastDevices)
         if (d.nodeID == deviceID) {
             channelCounts = {static_cast<uint32_t>(std::max(d.channelCount, 0))};
             return noError;

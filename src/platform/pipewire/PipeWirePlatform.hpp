@@ -37,6 +37,9 @@ public:
     // the daemon closed the connection), or none while it runs normally.
     std::optional<std::string> outputUnitFailure(OutputUnitHandle unit);
     std::optional<std::string> ioProcFailure(IOProcHandle handle);
+    // Graph cycles that output units missed (the clock skipped past where a cycle ended), since
+    // this platform was made.
+    std::uint64_t xrunCount();
 
     Status createProcessTap(const TapDescription& description, ObjectID& tapID) override;
     Status tapUID(ObjectID tapID, std::string& uid) override;
