@@ -2,6 +2,7 @@
 // monitors hears what reaches them. Expected levels come from the cookbook peaking filter computed
 // here, not from the product's own numbers.
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <complex>
@@ -62,9 +63,9 @@ protected:
                                5s));
     }
 
-    // Starts `tarn tap` on the player and waits for its "started" event.
-    void startTap(const std::vector<std::string>& options) {
-        std::vector<std::string> argv{TARN_CLI_PATH, "tap", std::to_string(player->pid()), "--json"};
+    // Starts `tarn tap` on the player (or another pid) and waits for its "started" event.
+    void startTap(const std::vector<std::string>& options, pid_t pid = 0) {
+        std::vector<std::string> argv{TARN_CLI_PATH, "tap", std::to_string(pid ? pid : player->pid()), "--json"};
         argv.insert(argv.end(), options.begin(), options.end());
         tap = std::make_unique<BackgroundProcess>(argv);
         ASSERT_TRUE(eventually([&] { return tap->standardOutput().find("\"started\"") != std::string::npos ||
@@ -198,6 +199,49 @@ TEST_F(TapRouteTest, KilledTapLeavesNoMetadataAndTheApplicationReturns) {
     EXPECT_TRUE(eventually([&] { return !metadataMentionsPlayer(); }, 3s)) << "the target.object entry outlived tarn";
     std::this_thread::sleep_for(300ms);
     EXPECT_NEAR(toDb(level(recordSink("test-speakers", 2, 1.0), 0)), toDb(toneAmplitudeIn), 0.5);
+}
+
+bool isListed(pid_t pid) {
+    auto apps = nlohmann::json::parse(runProcess({TARN_CLI_PATH, "apps", "--json"}).standardOutput, nullptr, false);
+    if (!apps.is_array()) return false;
+    for (auto& app : apps)
+        if (app.value("pid", 0) == pid && app.value("isRunningOutput", false)) return true;
+    return false;
+}
+
+TEST_F(TapRouteTest, RoutedImpulseArrivesWithinOneQuantumOfTheDirectPath) {
+    // Both players put impulses on the same graph-clock positions: the direct one on the left
+    // channel, the routed one on the right.
+    constexpr long period = 24000;
+    BackgroundProcess direct({TARN_IMPULSE_PLAYER_PATH, "0", std::to_string(period), "tarn-impulse-direct"});
+    BackgroundProcess routed({TARN_IMPULSE_PLAYER_PATH, "1", std::to_string(period), "tarn-impulse-routed"});
+    ASSERT_TRUE(eventually([&] { return isListed(direct.pid()) && isListed(routed.pid()); }, 5s));
+    startTap({}, routed.pid());
+    const long quantum = started.value("quantumFrames", 0);
+    ASSERT_GT(quantum, 0);
+    std::this_thread::sleep_for(500ms);
+
+    auto recording = recordSink("test-speakers", 2, 2.5);
+    std::vector<long> delays;
+    for (size_t start = 0; start + period <= recording.frameCount(); start += period) {
+        size_t left = start, right = start;
+        for (size_t i = start; i < start + period; ++i) {
+            if (std::abs(recording.at(i, 0)) > std::abs(recording.at(left, 0))) left = i;
+            if (std::abs(recording.at(i, 1)) > std::abs(recording.at(right, 1))) right = i;
+        }
+        if (std::abs(recording.at(left, 0)) < 0.1 || std::abs(recording.at(right, 1)) < 0.1) continue;
+        long delay = (long(right) - long(left)) % period;
+        if (delay < -period / 2) delay += period;
+        if (delay >= period / 2) delay -= period;
+        delays.push_back(delay);
+    }
+    ASSERT_GE(delays.size(), 2u) << "no impulse pairs were recorded";
+    std::sort(delays.begin(), delays.end());
+    const long added = delays[delays.size() / 2];
+    std::printf("added latency of the route: %ld frames (%.2f ms) at a quantum of %ld frames\n", added,
+                added / 48.0, quantum);
+    EXPECT_GE(added, 0);
+    EXPECT_LE(added, 2 * quantum);
 }
 
 TEST_F(TapRouteTest, UnknownApplicationAndDeviceFailClearly) {
