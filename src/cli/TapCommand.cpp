@@ -186,7 +186,7 @@ int runTap(TapOptions& options) {
     int exitCode = exitOk;
     std::string failure;
     while (stopSignal.load() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
         auto now = std::chrono::steady_clock::now();
 
         // The output device went away: the route cannot go on.
@@ -241,9 +241,13 @@ int runTap(TapOptions& options) {
     }
 
     stopAll();
+    auto xruns = platform->xrunCount();
     platform.reset(); // removes the capture sinks and the metadata; the applications go back
     if (!failure.empty()) throw CommandError(exitCode, failure);
-    if (!options.json) fmt::print("Stopped; the application is back on its normal output.\n");
+    if (options.json)
+        fmt::print("{}\n", nlohmann::json{{"event", "stopped"}, {"xruns", xruns}}.dump());
+    else
+        fmt::print("Stopped ({} xruns); the application is back on its normal output.\n", xruns);
     return exitCode;
 }
 
