@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/dsp/CpuDispatch.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "core/dsp/SectionCascade.hpp"
 #include "support/Signals.hpp"
@@ -137,6 +138,26 @@ TEST(SectionCascade, RouteChainOutputDoesNotDependOnThePath) {
         expectSameBits(a, b, std::to_string(channels) + " channels");
         EXPECT_LT(lowestHeadroom, 0.9) << "the test signal should have driven the headroom";
     }
+}
+
+// Shipped binaries pick the AVX2 build where the processor has it; both builds must give the
+// same bits, or a route would sound different from one machine to the next.
+TEST(SectionCascade, PortableAndAvx2BuildsGiveTheSameBits) {
+    if (!CpuDispatch::hasAvx2()) GTEST_SKIP() << "no AVX2 on this machine: only the portable build runs";
+    auto runOnce = [](bool portable) {
+        CpuDispatch::setPortableOnly(portable);
+        RouteDSPChain chain(2, 48000);
+        for (int i = 0; i < 10; ++i) chain.customEQ().setGain(double(i % 4) * 3 - 4, i);
+        chain.correctionEQ().loadProfile(profile(10, -4, 1.0));
+        chain.userParametricEQ().loadProfile(profile(12, -2, 1.2));
+        chain.setGain(8);
+        chain.setSafetyCeilingEnabled(false);
+        auto x = musicLike(20000, 2, 0.9);
+        for (int done = 0; done < 20000; done += 500) chain.processInterleaved(x.data() + 2 * done, 500);
+        CpuDispatch::setPortableOnly(false);
+        return x;
+    };
+    expectSameBits(runOnce(true), runOnce(false), "portable against AVX2");
 }
 
 TEST(SectionCascade, ReportsItsDispatch) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 namespace tarn {
 
 // Chooses between the portable build of a kernel and its AVX2 build at run time. Shipped
@@ -9,11 +11,18 @@ namespace tarn {
 struct CpuDispatch {
     static bool hasAvx2() {
 #if defined(__x86_64__) || defined(__i386__)
-        return __builtin_cpu_supports("avx2");
+        return !portableOnly_.load(std::memory_order_relaxed) && __builtin_cpu_supports("avx2");
 #else
         return false;
 #endif
     }
+
+    // Runs the portable builds even where AVX2 exists, so tests and benchmarks can compare the
+    // two (their results must be identical).
+    static void setPortableOnly(bool portableOnly) { portableOnly_.store(portableOnly); }
+
+private:
+    static inline std::atomic<bool> portableOnly_{false};
 };
 
 } // namespace tarn

@@ -246,6 +246,7 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     float outputPeak = 0.0f;
     if (passthrough) {
         outputPeak = inputPeak;
+        limiter_.processBlock(samples, 0);   // nothing reached the knee: clear the clipping flag
         updateHeadroom(inputPeak, inputPeak, frameCount);
     } else {
         if (!vectorCascadeEnabled_ || !runStagesVectorised(samples, frameCount, eq, correction, parametric))
