@@ -245,6 +245,37 @@ TEST_F(TapRouteTest, RoutedImpulseArrivesWithinOneQuantumOfTheDirectPath) {
     EXPECT_LE(added, 2 * quantum);
 }
 
+double peak(const SoundData& data, int channel) {
+    double out = 0;
+    for (size_t i = std::min<size_t>(data.frameCount(), 9600); i < data.frameCount(); ++i)
+        out = std::max(out, double(std::abs(data.at(i, channel))));
+    return out;
+}
+
+size_t streamCount(pid_t pid) {
+    auto apps = nlohmann::json::parse(runProcess({TARN_CLI_PATH, "apps", "--json"}).standardOutput, nullptr, false);
+    if (apps.is_array())
+        for (auto& app : apps)
+            if (app.value("pid", 0) == pid) return app["streams"].size();
+    return 0;
+}
+
+TEST_F(TapRouteTest, StreamTheApplicationOpensWhileRoutedFollowsTheRoute) {
+    // Impulses every 10 ms; a second stream of the same process opens 2.5 s in.
+    BackgroundProcess app({TARN_IMPULSE_PLAYER_PATH, "0", "480", "tarn-two-streams", "2500"});
+    ASSERT_TRUE(eventually([&] { return isListed(app.pid()); }, 5s));
+    startTap({"--device", "test-headphones"}, app.pid());
+    ASSERT_EQ(streamCount(app.pid()), 1u) << "the second stream opened too early for this test";
+    ASSERT_TRUE(eventually([&] { return streamCount(app.pid()) == 2; }, 6s));
+    std::this_thread::sleep_for(300ms);
+
+    auto speakers = recordSink("test-speakers", 2, 1.0);
+    auto headphones = recordSink("test-headphones", 2, 1.0);
+    EXPECT_LT(peak(speakers, 0), 0.001) << "the new stream played on the speakers, unrouted";
+    // Both streams' impulses coincide on the headphones.
+    EXPECT_GT(peak(headphones, 0), 0.6);
+}
+
 TEST_F(TapRouteTest, UnknownApplicationAndDeviceFailClearly) {
     auto noApp = runProcess({TARN_CLI_PATH, "tap", "no-such-app", "--seconds", "1"});
     EXPECT_EQ(noApp.exitCode, 1);
