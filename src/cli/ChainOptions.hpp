@@ -41,6 +41,8 @@ public:
     static constexpr double maxGainDb = 24.0;
     static constexpr double maxChannelDeltaDb = 24.0;
 
+    // The options keep pointers into this object, so it must stay where it is (and alive) until
+    // the command has run: hold it in the command's shared state, not in a temporary.
     void addTo(CLI::App& app);
 
     // Reads --profile and --parametric. Throws CommandError(exitFailure) naming the file.

@@ -309,6 +309,20 @@ TEST_F(RenderCommand, BadUsageExitsTwoWithOneLineNamingTheOption) {
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"in.wav"});
 }
 
+TEST_F(RenderCommand, AnInterruptedRenderLeavesNothingBehind) {
+    if (!test::hasProgram("timeout")) GTEST_SKIP() << "coreutils timeout is not available";
+    const auto in = (dir / "long.wav").string(), out = (dir / "out.wav").string();
+    // Two minutes of a constant level, quick to write; one-frame blocks make the render take long
+    // enough to be interrupted part way.
+    test::writeSoundFile(in, SoundData{48000, 2, std::vector<float>(48000 * 2 * 120, 0.1f)});
+    const auto result = test::runProcess({"timeout", "--preserve-status", "-s", "INT", "0.3", TARN_CLI_PATH, "render",
+                                          in, out, "--block", "1", "--band", "3=2"});
+    if (result.exitCode == 0) GTEST_SKIP() << "the render finished before the interrupt";
+    EXPECT_EQ(result.exitCode, 130) << result.standardError;
+    EXPECT_NE(result.standardError.find("interrupted"), std::string::npos) << result.standardError;
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"long.wav"});
+}
+
 TEST_F(RenderCommand, EveryOptionIsInTheHelp) {
     const auto result = render({"--help"});
     EXPECT_EQ(result.exitCode, 0);
