@@ -167,8 +167,11 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
     }
     try {
         if (!j.is_object()) throw DecodingError("expected a JSON object with \"preampDb\" and \"filters\"");
-        // A full profile record decodes as one; a minimal file only needs the preamp and filters.
-        if (j.contains("id")) return j.get<HeadphoneProfile>();
+        // A full profile record (as `tarn profiles show --json` prints it) decodes as one; any
+        // other object only needs the preamp and the filters.
+        const bool isFullRecord = j.contains("id") && j.contains("modelName") && j.contains("sourceProject") &&
+                                  j.contains("type") && j.contains("isFeatured");
+        if (isFullRecord) return j.get<HeadphoneProfile>();
         HeadphoneProfile profile;
         profile.id = path.stem().string();
         profile.modelName = j.contains("modelName") ? j.at("modelName").get<std::string>() : path.stem().string();
