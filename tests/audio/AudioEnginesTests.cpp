@@ -434,6 +434,20 @@ TEST_F(Engines, RouteRestartsWithAFreshFadeIn) {
     EXPECT_TRUE(platform.isClean());
 }
 
+TEST_F(Engines, RouteReportsWhichSideThePlatformStopped) {
+    RouteAudioEngine engine(platform, "x", app, stereo, std::make_shared<RouteDSPChain>(2, 48000), 16384, std::nullopt);
+    EXPECT_EQ(engine.interruption(), std::nullopt) << "not running";
+    engine.start();
+    EXPECT_EQ(engine.interruption(), std::nullopt);
+    platform.interruptOutputUnits("Test Speakers went away");
+    EXPECT_EQ(engine.interruption(), "output stopped: Test Speakers went away");
+    platform.interruptIOProcs("the sound server went away");
+    EXPECT_EQ(engine.interruption(), "capture stopped: the sound server went away") << "capture is reported first";
+    engine.stop();
+    EXPECT_EQ(engine.interruption(), std::nullopt);
+    EXPECT_TRUE(platform.isClean());
+}
+
 TEST_F(Engines, DestroyingARunningRouteStopsItCleanly) {
     {
         RouteAudioEngine engine(platform, "x", app, stereo, std::make_shared<RouteDSPChain>(2, 48000), 16384, std::nullopt);

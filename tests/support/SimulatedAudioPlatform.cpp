@@ -140,6 +140,30 @@ void SimulatedAudioPlatform::setRenderSink(RenderSink sink) {
     renderSink_ = sink;
 }
 
+void SimulatedAudioPlatform::interruptIOProcs(std::string reason) {
+    std::lock_guard lock(mutex_);
+    for (auto& [handle, record] : ioProcs_)
+        if (record.runner) record.failure = reason;
+}
+
+void SimulatedAudioPlatform::interruptOutputUnits(std::string reason) {
+    std::lock_guard lock(mutex_);
+    for (auto& [handle, unit] : units_)
+        if (unit.runner) unit.failure = reason;
+}
+
+std::optional<std::string> SimulatedAudioPlatform::ioProcFailure(IOProcHandle handle) {
+    std::lock_guard lock(mutex_);
+    auto it = ioProcs_.find(handle);
+    return it == ioProcs_.end() ? std::nullopt : it->second.failure;
+}
+
+std::optional<std::string> SimulatedAudioPlatform::outputUnitFailure(OutputUnitHandle unit) {
+    std::lock_guard lock(mutex_);
+    auto it = units_.find(unit);
+    return it == units_.end() ? std::nullopt : it->second.failure;
+}
+
 void SimulatedAudioPlatform::notify(ListenerKind kind, ObjectID process) {
     std::vector<ChangeListener> callbacks;
     {

@@ -99,6 +99,9 @@ public:
     void forceGrantedBufferFrames(std::optional<std::uint32_t> frames);
     void setCaptureSource(CaptureSource source);
     void setRenderSink(RenderSink sink);
+    // Marks every started I/O procedure / output unit as stopped by the platform for `reason`.
+    void interruptIOProcs(std::string reason);
+    void interruptOutputUnits(std::string reason);
     // Invokes the matching listeners on a separate thread and waits for them.
     void notifyProcessListChanged();
     void notifyRunningOutputChanged(ObjectID process);
@@ -162,6 +165,9 @@ public:
     Status setBufferFrameSize(ObjectID deviceID, std::uint32_t frames) override;
     Status bufferFrameSize(ObjectID deviceID, std::uint32_t& frames) override;
 
+    std::optional<std::string> ioProcFailure(IOProcHandle handle) override;
+    std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) override;
+
     Status removeListener(ListenerToken token) override;
 
     Status processObjectList(std::vector<ObjectID>& processes) override;
@@ -196,6 +202,7 @@ private:
         IOProc proc = nullptr;
         void* context = nullptr;
         std::unique_ptr<Runner> runner;
+        std::optional<std::string> failure;
     };
     struct OutputUnit {
         ObjectID device = 0;
@@ -204,6 +211,7 @@ private:
         void* context = nullptr;
         bool initialized = false;
         std::unique_ptr<Runner> runner;
+        std::optional<std::string> failure;
     };
     enum class ListenerKind { processList, runningOutput, deviceList };
     struct Listener {

@@ -82,6 +82,11 @@ void AudioOutputRenderer::start(double sampleRate) {
     isRunning_ = true;
 }
 
+std::optional<std::string> AudioOutputRenderer::interruption() const {
+    if (!isRunning_ || audioUnit_ == 0) return std::nullopt;
+    return platform_.outputUnitFailure(audioUnit_);
+}
+
 void AudioOutputRenderer::stop() {
     if (audioUnit_ != 0) {
         if (isRunning_) {

@@ -72,6 +72,8 @@ public:
     bool isRunning() const { return isRunning_; }
     bool hasOutputUnit() const { return audioUnit_ != 0; }
     bool hasScratch() const { return ioScratch_ != nullptr || lastSamples_ != nullptr; }
+    // Why a running output stopped by itself (the platform's reason), or none.
+    std::optional<std::string> interruption() const;
     std::optional<std::uint32_t> preferredIOBufferFrames() const { return preferredIOBufferFrames_; }
     void setPreferredIOBufferFrames(std::optional<std::uint32_t> frames) { preferredIOBufferFrames_ = frames; }
 

@@ -134,6 +134,15 @@ public:
     virtual Status uninitializeOutputUnit(OutputUnitHandle unit) = 0;
     virtual Status disposeOutputUnit(OutputUnitHandle unit) = 0;
 
+    // ---- Interruptions ----------------------------------------------------------------------
+    //
+    // Why a started I/O procedure or output unit has stopped by itself (its device went away, the
+    // server closed the connection), as a short human-readable reason; none while it runs
+    // normally. Polled from the control thread. A platform that cannot tell answers none.
+
+    virtual std::optional<std::string> ioProcFailure(IOProcHandle handle) { return std::nullopt; }
+    virtual std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) { return std::nullopt; }
+
     // ---- I/O buffer size -------------------------------------------------------------------
     //
     // `deviceID` is an output device or a capture's aggregate device. On PipeWire a request is

@@ -146,6 +146,11 @@ double ProcessTapEngine::start(RouteDSPChain* dspChain) {
     return captureFormat_->sampleRate;
 }
 
+std::optional<std::string> ProcessTapEngine::interruption() const {
+    if (!isRunning_ || ioProcID_ == 0) return std::nullopt;
+    return platform_.ioProcFailure(ioProcID_);
+}
+
 void ProcessTapEngine::stop() {
     if (isRunning_) {
         // Stopping returns only once the callback is out, so the scratch can go afterwards.

@@ -77,6 +77,8 @@ public:
     bool isRunning() const { return isRunning_; }
     // The tap's format from the last successful start; kept after stop.
     const std::optional<AudioStreamFormat>& captureFormat() const { return captureFormat_; }
+    // Why a running capture stopped by itself (the platform's reason), or none.
+    std::optional<std::string> interruption() const;
     // Samples of the interleave scratch block; 0 when none is allocated.
     std::int64_t scratchSampleCount() const { return scratchSamples_; }
 

@@ -60,6 +60,12 @@ void RouteAudioEngine::stop() {
     ringBuffer_->reset();
 }
 
+std::optional<std::string> RouteAudioEngine::interruption() const {
+    if (auto reason = capture_.interruption()) return "capture stopped: " + *reason;
+    if (auto reason = renderer_.interruption()) return "output stopped: " + *reason;
+    return std::nullopt;
+}
+
 std::optional<double> RouteAudioEngine::captureSampleRate() const {
     if (const auto& format = capture_.captureFormat()) return format->sampleRate;
     return std::nullopt;

@@ -56,6 +56,10 @@ public:
     double start();
     void stop();
 
+    // Why a running route has stopped by itself ("capture stopped: <reason>" or "output stopped:
+    // <reason>"), or none. The owner polls it and stops the route when it is set.
+    std::optional<std::string> interruption() const;
+
     const std::string& bundleID() const { return bundleID_; }
     std::uint32_t processObjectID() const { return processObjectID_; }
     std::uint32_t outputDeviceID() const { return outputDeviceID_; }
