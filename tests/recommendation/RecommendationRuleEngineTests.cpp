@@ -60,6 +60,19 @@ TEST(RecommendationRuleEngine, ShortListsArePaddedWithZeros) {
     EXPECT_EQ(recs[5].rationale, Reasons{"neutral — no rule fired"});
 }
 
+TEST(RecommendationRuleEngine, NonFiniteInputsCountAsZero) {
+    auto in = quietInput();
+    in.prominenceDb[2] = NAN;
+    in.headphone.deviationDb[3] = INFINITY;
+    in.userBiasDb[4] = NAN;
+    in.learnedWarmupCurveDb = std::vector<double>{0, 0, 0, 0, 0, NAN};
+    for (auto scope : {RecommendationScope::song, RecommendationScope::taste})
+        for (const auto& r : Engine::recommend(in, scope)) {
+            EXPECT_EQ(r.gainDb, 0.0) << r.bandIndex;
+            for (const auto& reason : r.rationale) EXPECT_EQ(reason.find("nan"), std::string::npos) << reason;
+        }
+}
+
 TEST(RecommendationRuleEngine, S0DampensOverDeliveredBands) {
     auto at12 = songBand(withBand(4, 9.0, 3.0), 4);
     EXPECT_EQ(at12.gainDb, -1.0);

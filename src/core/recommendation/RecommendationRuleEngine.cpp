@@ -48,6 +48,9 @@ constexpr int kMudBand = 3;
 constexpr std::array<int, 2> kTrebleBands = {8, 9};
 constexpr std::array<int, 2> kVocalBands = {5, 6};
 
+// A value that is not a number carries no information; it must not leak into gains or reasons.
+double finiteOrZero(double v) { return std::isfinite(v) ? v : 0.0; }
+
 std::string num(double v) { return fmt::format("{:.1f}", v); }
 // "+3.0" for the positive values that texts prefix with a plus sign; negatives keep their minus.
 std::string signedNum(double v) { return fmt::format("{:+.1f}", v); }
@@ -318,7 +321,8 @@ std::vector<BandRecommendation> RecommendationRuleEngine::recommend(const Recomm
 
     std::array<BandContext, kBands> bands;
     for (int i = 0; i < kBands; ++i)
-        bands[i] = {i, prominence[i], input.headphone.deviationDb[i], taste[i], bias[i], bandName(i)};
+        bands[i] = {i, finiteOrZero(prominence[i]), finiteOrZero(input.headphone.deviationDb[i]),
+                    finiteOrZero(taste[i]), finiteOrZero(bias[i]), bandName(i)};
 
     Working w;
     const bool useSongLayer = scope == RecommendationScope::song && input.prominenceConfident;
