@@ -300,6 +300,9 @@ TEST(SongMemoryStore, DefaultFileFollowsXdgDataHome) {
     if (saved) setenv("XDG_DATA_HOME", restore.c_str(), 1);
     else unsetenv("XDG_DATA_HOME");
     EXPECT_THROW(SongMemoryStore(std::filesystem::path("/tmp/memories.txt"), 10), std::invalid_argument);
+    // A relative name is taken from the current folder once, at construction.
+    EXPECT_EQ(SongMemoryStore("no-such-folder/SongMemories.json", 10).fileURL(),
+              std::filesystem::current_path() / "no-such-folder/SongMemories.json");
 }
 
 TEST(SongMemoryCapacity, ResolvesTiersFromChipAndModel) {

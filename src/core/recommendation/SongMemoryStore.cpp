@@ -179,8 +179,8 @@ bool allFinite(const std::vector<double>& values, std::size_t count) {
 
 int SongMemoryStore::defaultMaxEntries() { return SongMemoryCapacity::defaultMaxEntries(); }
 
-SongMemoryStore::SongMemoryStore(fs::path fileURL, int maxEntries)
-    : maxEntries_(std::max(maxEntries, 1)), fileURL_(std::move(fileURL)),
+SongMemoryStore::SongMemoryStore(const fs::path& fileURL, int maxEntries)
+    : maxEntries_(std::max(maxEntries, 1)), fileURL_(fs::absolute(fileURL)),
       persistQueue_("sorvi.songmemory.persist", "tarn-songmemory") {
     if (fileURL_.extension() != ".json" || fileURL_.stem().empty())
         throw std::invalid_argument(fmt::format("song memory file {} must be a .json file", fileURL_.string()));

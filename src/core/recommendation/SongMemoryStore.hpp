@@ -40,7 +40,7 @@ public:
     static int defaultMaxEntries();                    // by SongMemoryCapacity
 
     // Reads the file if there is one. `fileURL` must name a ".json" file.
-    explicit SongMemoryStore(std::filesystem::path fileURL, int maxEntries = defaultMaxEntries());
+    explicit SongMemoryStore(const std::filesystem::path& fileURL, int maxEntries = defaultMaxEntries());
     // Waits for the last write.
     ~SongMemoryStore();
 
