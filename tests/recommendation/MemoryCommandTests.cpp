@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "support/ProcessRunner.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace tarn {
+namespace {
+
+using nlohmann::json;
+
+test::ProcessResult memory(std::vector<std::string> args) {
+    args.insert(args.begin(), {TARN_CLI_PATH, "memory"});
+    return test::runProcess(args);
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// One memory of each health: "full" covers its song, "partial" does not, "damaged" has nine values.
+const std::string kDocument = R"({
+  "full":    {"profileDb": [0,0,0,0,0,0,0,0,0,0], "curveDb": [1,1,1,1,1,1,1,1,1,1], "playCount": 3,
+              "lastPlayedAt": 700000000, "timeline": "AAAAAAAAAAAAAA==", "expectedDurationSeconds": 1.0,
+              "genre": "Jazz"},
+  "partial": {"profileDb": [0,0,0,0,0,0,0,0,0,0], "curveDb": [0,0,0,0,0,0,0,0,0,0], "playCount": 1,
+              "lastPlayedAt": 100},
+  "damaged": {"profileDb": [0,0,0,0,0,0,0,0,0], "curveDb": [0,0,0,0,0,0,0,0,0,0], "playCount": 1,
+              "lastPlayedAt": 100}
+})";
+
+TEST(MemoryCommand, AuditsAndSweeps) {
+    test::TemporaryDirectory dir;
+    const auto file = dir / "SongMemories.json";
+    std::ofstream(file) << kDocument;
+
+    auto r = memory({"audit", "--file", file.string(), "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.standardError;
+    auto out = json::parse(r.standardOutput);
+    EXPECT_EQ(out["counts"], json({{"healthy", 1}, {"incomplete", 1}, {"broken", 1}}));
+    ASSERT_EQ(out["memories"].size(), 3u);
+    EXPECT_EQ(out["memories"][0]["key"], "damaged");
+    EXPECT_EQ(out["memories"][0]["health"], "broken");
+    EXPECT_EQ(out["memories"][1]["genre"], "Jazz");
+    EXPECT_EQ(out["memories"][1]["coverage"], 1.0);
+
+    r = memory({"audit", "--file", file.string()});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_NE(r.standardOutput.find("1 healthy, 1 incomplete, 1 broken"), std::string::npos) << r.standardOutput;
+
+    // Idle for over a day, incomplete: "partial" goes (it was played in 2001); "full" is healthy.
+    r = memory({"sweep", "--file", file.string(), "--remove-broken", "--idle-days", "1", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.standardError;
+    out = json::parse(r.standardOutput);
+    EXPECT_EQ(out["totalRemoved"], 2);
+    EXPECT_EQ(out["healthyKept"], 1);
+    const auto saved = json::parse(readFile(file));
+    EXPECT_EQ(saved.size(), 1u);
+    EXPECT_TRUE(saved.contains("full"));
+}
+
+TEST(MemoryCommand, FollowsXdgDataHomeAndRefusesToTouchAnUnreadableFile) {
+    test::TemporaryDirectory dir;
+    setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
+    auto r = memory({"audit"});
+    unsetenv("XDG_DATA_HOME");
+    ASSERT_EQ(r.exitCode, 0) << r.standardError;
+    EXPECT_NE(r.standardOutput.find((dir / "tarn/SongMemories.json").string() + ": 0 of"), std::string::npos)
+        << r.standardOutput;
+
+    const auto file = dir / "SongMemories.json";
+    std::ofstream(file) << "{ damaged";
+    r = memory({"sweep", "--file", file.string(), "--remove-broken"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.standardError.find("left as it is"), std::string::npos) << r.standardError;
+    EXPECT_EQ(readFile(file), "{ damaged");
+
+    EXPECT_EQ(memory({"sweep", "--file", file.string()}).exitCode, 2); // nothing asked for
+    EXPECT_EQ(memory({"sweep", "--idle-days", "-3"}).exitCode, 2);
+    EXPECT_EQ(memory({}).exitCode, 2);
+}
+
+} // namespace
+} // namespace tarn
