@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "core/dsp/CpuDispatch.hpp"
 #include "core/dsp/DenormalGuard.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 
@@ -88,6 +89,16 @@ void BM_FullRoute(benchmark::State& state) {
     runChain(state, chain, 30);
 }
 BENCHMARK(BM_FullRoute)->Arg(128)->Arg(512)->Arg(1024)->Arg(4096);
+
+// The same route on the portable x86-64 build of the kernels (what runs without AVX2).
+void BM_FullRoutePortable(benchmark::State& state) {
+    tarn::RouteDSPChain chain(channels, sampleRate);
+    setUpFullRoute(chain);
+    tarn::CpuDispatch::setPortableOnly(true);
+    runChain(state, chain, 30);
+    tarn::CpuDispatch::setPortableOnly(false);
+}
+BENCHMARK(BM_FullRoutePortable)->Arg(512);
 
 // The same route through every stage's own per-channel processBlock: the reference the vector
 // cascade replaces (and must match bit for bit).
