@@ -13,26 +13,33 @@ namespace tarn {
 
 namespace {
 
-typedef float Vec __attribute__((vector_size(32)));
-typedef int IVec __attribute__((vector_size(32)));
+// W lanes: 8 in the AVX2 build (one 256-bit register), 4 in the portable build (one SSE
+// register; wider generic vectors would be split clumsily there).
+template <int W> struct Simd {
+    typedef float Vec __attribute__((vector_size(W * 4)));
+    typedef int IVec __attribute__((vector_size(W * 4)));
+};
 
-struct Lanes {
+template <int W> struct Lanes {
+    using Vec = typename Simd<W>::Vec;
     Vec b0, b1, b2, a1, a2, gain;
     Vec x1, x2, y1, y2;
 };
 
-// One pass: up to maxRows · (laneCount / channels) sections. CH channels per group.
-template <int CH>
+// One pass: up to maxRows · (W / channels) sections. CH channels per group.
+template <int CH, int W>
 inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount, int stride, int firstChannel,
                                                     const SectionCascade::Section* sections, int sectionCount) {
-    constexpr int groups = SectionCascade::laneCount / CH;
+    using Vec = typename Simd<W>::Vec;
+    using IVec = typename Simd<W>::IVec;
+    constexpr int groups = W / CH;
     const int rows = (sectionCount + groups - 1) / groups;
-    Lanes lanes[SectionCascade::maxRows];
+    Lanes<W> lanes[SectionCascade::maxRows];
     IVec laneSection[SectionCascade::maxRows];
 
     for (int r = 0; r < rows; ++r) {
-        Lanes& l = lanes[r];
-        for (int lane = 0; lane < SectionCascade::laneCount; ++lane) {
+        Lanes<W>& l = lanes[r];
+        for (int lane = 0; lane < W; ++lane) {
             const int g = lane / CH, c = lane % CH;
             const int s = g * rows + r;
             laneSection[r][lane] = s;
@@ -61,7 +68,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
     auto step = [&](int n, bool masked) __attribute__((always_inline)) {
         Vec input0;
         const Vec& prev = lanes[rows - 1].y1;
-        for (int lane = 0; lane < SectionCascade::laneCount; ++lane) input0[lane] = lane >= CH ? prev[lane - CH] : 0.0f;
+        for (int lane = 0; lane < W; ++lane) input0[lane] = lane >= CH ? prev[lane - CH] : 0.0f;
         if (n < frameCount) {
             const float* frame = base + std::size_t(n) * stride;
             for (int c = 0; c < CH; ++c) input0[c] = frame[c];
@@ -69,7 +76,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
         // Rows from last to first so each row reads the previous row's output of the last step
         // before that row is advanced.
         for (int r = rows - 1; r >= 0; --r) {
-            Lanes& l = lanes[r];
+            Lanes<W>& l = lanes[r];
             const Vec x = (r == 0 ? input0 : lanes[r - 1].y1) * l.gain;
             const Vec y = l.b0 * x + l.b1 * l.x1 + l.b2 * l.x2 - l.a1 * l.y1 - l.a2 * l.y2;
             if (masked) {
@@ -103,8 +110,8 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
     for (; n < steps; ++n) step(n, true);
 
     for (int r = 0; r < rows; ++r) {
-        const Lanes& l = lanes[r];
-        for (int lane = 0; lane < SectionCascade::laneCount; ++lane) {
+        const Lanes<W>& l = lanes[r];
+        for (int lane = 0; lane < W; ++lane) {
             const int s = laneSection[r][lane];
             if (s >= sectionCount) continue;
             sections[s].filter->storeChannelState(firstChannel + lane % CH, {l.x1[lane], l.x2[lane], l.y1[lane], l.y2[lane]});
@@ -112,21 +119,21 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
     }
 }
 
-template <int CH>
+template <int CH, int W>
 inline __attribute__((always_inline)) void runPasses(float* buffer, int frameCount, int stride, int firstChannel,
                                                       const SectionCascade::Section* sections, int sectionCount) {
-    constexpr int perPass = SectionCascade::maxRows * (SectionCascade::laneCount / CH);
+    constexpr int perPass = SectionCascade::maxRows * (W / CH);
     for (int first = 0; first < sectionCount; first += perPass)
-        runPass<CH>(buffer, frameCount, stride, firstChannel, sections + first, std::min(perPass, sectionCount - first));
+        runPass<CH, W>(buffer, frameCount, stride, firstChannel, sections + first, std::min(perPass, sectionCount - first));
 }
 
 template <int CH>
 void runPassesPortable(float* b, int n, int stride, int first, const SectionCascade::Section* s, int count) {
-    runPasses<CH>(b, n, stride, first, s, count);
+    runPasses<CH, 4>(b, n, stride, first, s, count);
 }
 template <int CH>
 TARN_TARGET_AVX2 void runPassesAvx2(float* b, int n, int stride, int first, const SectionCascade::Section* s, int count) {
-    runPasses<CH>(b, n, stride, first, s, count);
+    runPasses<CH, 8>(b, n, stride, first, s, count);
 }
 
 template <int CH>

@@ -24,7 +24,8 @@ public:
         float inputGain = 1.0f;
     };
 
-    static constexpr int laneCount = 8;
+    // Rows of lanes per pass; a pass holds maxRows · lanes / channels sections (lanes: 8 with
+    // AVX2, 4 otherwise) and longer cascades take several passes.
     static constexpr int maxRows = 16;
 
     // Filters channels [firstChannel, firstChannel + channelsInGroup) of `buffer` (interleaved,
