@@ -64,14 +64,24 @@ std::vector<Target> listTargets(AudioPlatform& platform) {
 }
 
 // APP is a pid, an identity or a name (case-insensitive); it must name exactly one application.
-Target resolveTarget(AudioPlatform& platform, const std::string& app) {
-    auto targets = listTargets(platform);
+Target resolveTarget(PipeWirePlatform& platform, const std::string& app) {
     std::vector<Target> matches;
     bool isPid = !app.empty() && app.find_first_not_of("0123456789") == std::string::npos;
-    for (const auto& t : targets) {
-        if (isPid ? std::to_string(t.pid) == app
-                  : (lowered(t.identity) == lowered(app) || lowered(t.name) == lowered(app)))
-            matches.push_back(t);
+    // An application that has just started may still be announcing itself: look again briefly.
+    for (int attempt = 0; attempt < 10 && matches.empty(); ++attempt) {
+        if (attempt > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            try {
+                platform.connection().sync();
+            } catch (const PipeWireError& e) {
+                throw CommandError(exitFailure, e.what());
+            }
+        }
+        for (const auto& t : listTargets(platform)) {
+            if (isPid ? std::to_string(t.pid) == app
+                      : (lowered(t.identity) == lowered(app) || lowered(t.name) == lowered(app)))
+                matches.push_back(t);
+        }
     }
     if (matches.empty())
         throw CommandError(exitFailure, fmt::format("no application playing audio matches \"{}\" (see `tarn apps`)", app));
@@ -189,11 +199,25 @@ int runTap(TapOptions& options) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         auto now = std::chrono::steady_clock::now();
 
-        // The output device went away: the route cannot go on.
+        // A stream the sound server stopped ends the route; when its device went away, say so.
+        std::optional<std::string> interruption;
+        for (auto& r : routes)
+            if (r.isRunning && !interruption) interruption = r.engine->interruption();
+        if (interruption) {
+            try {
+                platform->connection().sync(); // a device removal that caused it is known after this
+            } catch (const PipeWireError&) {
+            }
+        }
         AudioPlatform::ObjectID still = 0;
         if (platform->deviceForUID(format->outputDeviceUID, still) != AudioPlatform::noError) {
             failure = fmt::format("the output device \"{}\" ({}) went away; the route ended", deviceName,
                                   format->outputDeviceUID);
+            exitCode = exitFailure;
+            break;
+        }
+        if (interruption) {
+            failure = fmt::format("the route stopped: {}", *interruption);
             exitCode = exitFailure;
             break;
         }

@@ -45,6 +45,14 @@ double level(const SoundData& data, int channel, double frequencyHz = 1000.0) {
     return count < 4800 ? -1.0 : toneAmplitude(data, channel, frequencyHz, first, count);
 }
 
+bool isListed(pid_t pid) {
+    auto apps = nlohmann::json::parse(runProcess({TARN_CLI_PATH, "apps", "--json"}).standardOutput, nullptr, false);
+    if (!apps.is_array()) return false;
+    for (auto& app : apps)
+        if (app.value("pid", 0) == pid && app.value("isRunningOutput", false)) return true;
+    return false;
+}
+
 class TapRouteTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -58,9 +66,7 @@ protected:
         argv.push_back((folder / file).string());
         player = std::make_unique<BackgroundProcess>(argv);
         // Playing on the speakers before anything is routed.
-        ASSERT_TRUE(eventually([&] { return runProcess({TARN_CLI_PATH, "apps"}).standardOutput.find("playing") !=
-                                            std::string::npos; },
-                               5s));
+        ASSERT_TRUE(eventually([&] { return isListed(player->pid()); }, 5s));
     }
 
     // Starts `tarn tap` on the player (or another pid) and waits for its "started" event.
@@ -200,14 +206,6 @@ TEST_F(TapRouteTest, KilledTapLeavesNoMetadataAndTheApplicationReturns) {
         << "the target.object entry outlived tarn:\n" << runProcess({"pw-metadata", "-n", "default"}).standardOutput;
     std::this_thread::sleep_for(300ms);
     EXPECT_NEAR(toDb(level(recordSink("test-speakers", 2, 1.0), 0)), toDb(toneAmplitudeIn), 0.5);
-}
-
-bool isListed(pid_t pid) {
-    auto apps = nlohmann::json::parse(runProcess({TARN_CLI_PATH, "apps", "--json"}).standardOutput, nullptr, false);
-    if (!apps.is_array()) return false;
-    for (auto& app : apps)
-        if (app.value("pid", 0) == pid && app.value("isRunningOutput", false)) return true;
-    return false;
 }
 
 TEST_F(TapRouteTest, RoutedImpulseArrivesWithinOneQuantumOfTheDirectPath) {

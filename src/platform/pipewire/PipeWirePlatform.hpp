@@ -35,8 +35,8 @@ public:
 
     // The failure that ended a running stream of this unit or I/O procedure (its sink went away,
     // the daemon closed the connection), or none while it runs normally.
-    std::optional<std::string> outputUnitFailure(OutputUnitHandle unit);
-    std::optional<std::string> ioProcFailure(IOProcHandle handle);
+    std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) override;
+    std::optional<std::string> ioProcFailure(IOProcHandle handle) override;
     // Graph cycles that output units missed (the clock skipped past where a cycle ended), since
     // this platform was made.
     std::uint64_t xrunCount();
