@@ -202,7 +202,7 @@ TEST_F(TapRouteTest, KilledTapLeavesNoMetadataAndTheApplicationReturns) {
     ASSERT_TRUE(metadataMentionsPlayer());
     tap->signal(SIGKILL);
     tap->waitFor(2s);
-    EXPECT_TRUE(eventually([&] { return !metadataMentionsPlayer(); }, 6s))
+    EXPECT_TRUE(eventually([&] { return !metadataMentionsPlayer(); }, 15s))
         << "the target.object entry outlived tarn:\n" << runProcess({"pw-metadata", "-n", "default"}).standardOutput;
     std::this_thread::sleep_for(300ms);
     EXPECT_NEAR(toDb(level(recordSink("test-speakers", 2, 1.0), 0)), toDb(toneAmplitudeIn), 0.5);
