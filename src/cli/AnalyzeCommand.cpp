@@ -44,31 +44,20 @@ struct AnalyzeSettings {
     bool hasTimeline = false;
 };
 
-std::optional<double> finiteNumber(std::string_view text) {
-    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-    double value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
-
 // "I=DB" into the bias list, or the reason it is not one.
 std::string parseBias(const std::string& text, std::vector<double>& bias) {
     const auto eq = text.find('=');
     if (eq == std::string::npos) return fmt::format("\"{}\" is not I=DB (for example 1=+2)", text);
-    int band = -1;
     const auto indexText = std::string_view(text).substr(0, eq);
-    auto [end, ec] = std::from_chars(indexText.data(), indexText.data() + indexText.size(), band);
-    if (indexText.empty() || ec != std::errc() || end != indexText.data() + indexText.size() || band < 0 ||
-        band >= TenBandLayout::bandCount)
+    const auto band = ChainOptions::parseInteger(indexText);
+    if (!band || *band < 0 || *band >= TenBandLayout::bandCount)
         return fmt::format("band index must be 0..{}, got \"{}\"", TenBandLayout::bandCount - 1, indexText);
-    const auto db = finiteNumber(std::string_view(text).substr(eq + 1));
+    const auto db = ChainOptions::parseNumber(std::string_view(text).substr(eq + 1));
     if (!db) return fmt::format("\"{}\" is not a number of dB", text.substr(eq + 1));
     if (*db < TenBandLayout::minGainDb || *db > TenBandLayout::maxGainDb)
         return fmt::format("bias must be within {}..{} dB, got {}", TenBandLayout::minGainDb, TenBandLayout::maxGainDb,
                            text.substr(eq + 1));
-    bias[band] = *db;
+    bias[*band] = *db;
     return "";
 }
 

@@ -19,32 +19,16 @@
 namespace tarn::cli {
 namespace {
 
-std::optional<double> finiteNumber(std::string_view text) {
-    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-    double value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
-
-std::optional<int> integer(std::string_view text) {
-    int value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 constexpr int lastBand = TenBandLayout::bandCount - 1;
 
 // "I=DB" → band gain, or the reason it is not one.
 std::string parseBandGain(const std::string& text, ChainOptions::BandGain& out) {
     const auto eq = text.find('=');
     if (eq == std::string::npos) return fmt::format("\"{}\" is not I=DB (for example 5=-3)", text);
-    const auto band = integer(std::string_view(text).substr(0, eq));
+    const auto band = ChainOptions::parseInteger(std::string_view(text).substr(0, eq));
     if (!band || *band < 0 || *band > lastBand)
         return fmt::format("band index must be 0..{}, got \"{}\"", lastBand, text.substr(0, eq));
-    const auto gain = finiteNumber(std::string_view(text).substr(eq + 1));
+    const auto gain = ChainOptions::parseNumber(std::string_view(text).substr(eq + 1));
     if (!gain) return fmt::format("\"{}\" is not a gain in dB", text.substr(eq + 1));
     if (*gain < TenBandLayout::minGainDb || *gain > TenBandLayout::maxGainDb)
         return fmt::format("band gain must be within {}..{} dB, got {}", TenBandLayout::minGainDb,
@@ -59,12 +43,12 @@ std::string parseChannelDelta(const std::string& text, ChainOptions::ChannelDelt
     const auto eq = text.find('=');
     if (colon == std::string::npos || eq == std::string::npos || eq < colon)
         return fmt::format("\"{}\" is not C:I=DB (for example 1:5=-2)", text);
-    const auto channel = integer(std::string_view(text).substr(0, colon));
+    const auto channel = ChainOptions::parseInteger(std::string_view(text).substr(0, colon));
     if (!channel || *channel < 0) return fmt::format("\"{}\" is not a channel index", text.substr(0, colon));
-    const auto band = integer(std::string_view(text).substr(colon + 1, eq - colon - 1));
+    const auto band = ChainOptions::parseInteger(std::string_view(text).substr(colon + 1, eq - colon - 1));
     if (!band || *band < 0 || *band > lastBand)
         return fmt::format("band index must be 0..{}, got \"{}\"", lastBand, text.substr(colon + 1, eq - colon - 1));
-    const auto delta = finiteNumber(std::string_view(text).substr(eq + 1));
+    const auto delta = ChainOptions::parseNumber(std::string_view(text).substr(eq + 1));
     if (!delta) return fmt::format("\"{}\" is not a gain in dB", text.substr(eq + 1));
     if (std::abs(*delta) > ChainOptions::maxChannelDeltaDb)
         return fmt::format("channel delta must be within ±{} dB, got {}", ChainOptions::maxChannelDeltaDb,
@@ -76,7 +60,7 @@ std::string parseChannelDelta(const std::string& text, ChainOptions::ChannelDelt
 CLI::Validator decibels(double min, double max) {
     return CLI::Validator(
         [min, max](std::string& text) -> std::string {
-            const auto value = finiteNumber(text);
+            const auto value = ChainOptions::parseNumber(text);
             if (!value) return fmt::format("\"{}\" is not a number of dB", text);
             if (*value < min || *value > max) return fmt::format("must be within {}..{} dB, got {}", min, max, text);
             return "";
@@ -96,6 +80,22 @@ std::string readFile(const std::filesystem::path& path) {
 }
 
 } // namespace
+
+std::optional<double> ChainOptions::parseNumber(std::string_view text) {
+    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+    double value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return value;
+}
+
+std::optional<int> ChainOptions::parseInteger(std::string_view text) {
+    int value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
 
 std::optional<GenrePreset> ChainOptions::parseGenre(const std::string& name) { return genrePresetFromString(name); }
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -59,6 +60,11 @@ public:
     std::optional<GenrePreset> genre() const { return genre_; }
     const std::optional<HeadphoneProfile>& profile() const { return profile_; }
     const std::optional<ImportedEQ>& parametric() const { return parametric_; }
+
+    // A finite decimal number, optionally with a leading '+' ("+2", "-3.5"); nothing otherwise.
+    static std::optional<double> parseNumber(std::string_view text);
+    // A whole decimal number with nothing around it; nothing otherwise.
+    static std::optional<int> parseInteger(std::string_view text);
 
     // "flat", "hipHop", ... exactly as the raw values are spelt; nothing for anything else.
     static std::optional<GenrePreset> parseGenre(const std::string& name);
