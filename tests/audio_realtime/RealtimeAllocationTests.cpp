@@ -1,62 +1,18 @@
-// The capture and render callbacks must never allocate, free or lock. This binary replaces the
-// global allocation functions and pthread_mutex_lock and counts every call made on a simulated
-// platform's callback thread while the engines' callbacks run.
+// The capture and render callbacks must never allocate, free or lock. This binary audits every
+// call made on a simulated platform's callback thread while the engines' callbacks run.
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-#include <pthread.h>
-
-#include <atomic>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <new>
 
 #include "core/audio/AudioOutputRenderer.hpp"
 #include "core/audio/AudioRingBuffer.hpp"
 #include "core/audio/RouteAudioEngine.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "core/recommendation/AnalysisTap.hpp"
+#include "support/RealtimeAudit.hpp"
 #include "support/SimulatedAudioPlatform.hpp"
-
-namespace {
-std::atomic<std::uint64_t> allocations{0};
-std::atomic<std::uint64_t> realtimeAllocations{0};
-std::atomic<std::uint64_t> realtimeLocks{0};
-
-bool inCallback() { return tarn::test::SimulatedAudioPlatform::isInsideCallback(); }
-
-void* counted(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (inCallback()) realtimeAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1)) return p;
-    throw std::bad_alloc();
-}
-void countedFree(void* p) noexcept {
-    if (p && inCallback()) realtimeAllocations.fetch_add(1, std::memory_order_relaxed);
-    std::free(p);
-}
-
-using MutexLock = int (*)(pthread_mutex_t*);
-MutexLock realMutexLock() {
-    static MutexLock real = reinterpret_cast<MutexLock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    return real;
-}
-const bool resolved = realMutexLock() != nullptr;
-} // namespace
-
-extern "C" int pthread_mutex_lock(pthread_mutex_t* m) {
-    if (inCallback()) realtimeLocks.fetch_add(1, std::memory_order_relaxed);
-    return realMutexLock()(m);
-}
-
-void* operator new(std::size_t size) { return counted(size); }
-void* operator new[](std::size_t size) { return counted(size); }
-void operator delete(void* p) noexcept { countedFree(p); }
-void operator delete[](void* p) noexcept { countedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { countedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { countedFree(p); }
 
 namespace tarn {
 namespace {
@@ -66,6 +22,7 @@ using test::SimulatedAudioPlatform;
 struct RealtimePaths : ::testing::Test {
     SimulatedAudioPlatform platform;
     void SetUp() override {
+        test::auditWhile(&SimulatedAudioPlatform::isInsideCallback);
         platform.addProcess({10, 4242, "com.spotify.Client", true, std::nullopt});
         platform.addDevice({41, "speakers", "Test Speakers", {2}});
         platform.addDevice({42, "surround", "Test Surround", {6}});
@@ -80,10 +37,14 @@ struct RealtimePaths : ::testing::Test {
 };
 
 TEST_F(RealtimePaths, CountersAreLive) {
-    ASSERT_TRUE(resolved);
-    const auto before = allocations.load();
-    auto probe = std::make_unique<int>(7);
-    EXPECT_GT(allocations.load(), before);
+    ASSERT_TRUE(test::auditHooksResolved());
+    const auto before = test::auditedAllocations();
+    std::unique_ptr<int> probe;
+    {
+        test::Audit audit;
+        probe = std::make_unique<int>(7);
+    }
+    EXPECT_GT(test::auditedAllocations(), before);
     EXPECT_EQ(*probe, 7);
 }
 
@@ -104,8 +65,7 @@ TEST_F(RealtimePaths, RouteCallbacksAllocateNothing) {
         {{42, "surround", 0u, 6, "5.1", RouteCaptureMode::multichannelStream}, planar, {1024, 0}},
     };
     for (const auto& c : cases) {
-        realtimeAllocations.store(0);
-        realtimeLocks.store(0);
+        const long allocationsBefore = test::auditedAllocations(), locksBefore = test::auditedLocks();
         platform.setCaptureSource(c.source);
         platform.setRenderSink(c.sink);
         auto tap = std::make_shared<AnalysisTap>();
@@ -120,14 +80,13 @@ TEST_F(RealtimePaths, RouteCallbacksAllocateNothing) {
         ASSERT_TRUE(platform.waitForRenderCycles(renderBefore + 50)); // with underruns and overruns on the way
         engine.stop();
         EXPECT_GT(tap->framesObserved(), 0);
-        EXPECT_EQ(realtimeAllocations.load(), 0u) << c.format.layoutDescription;
-        EXPECT_EQ(realtimeLocks.load(), 0u) << c.format.layoutDescription;
+        EXPECT_EQ(test::auditedAllocations() - allocationsBefore, 0) << c.format.layoutDescription;
+        EXPECT_EQ(test::auditedLocks() - locksBefore, 0) << c.format.layoutDescription;
     }
 }
 
 TEST_F(RealtimePaths, RenderStageCallbackAllocatesNothing) {
-    realtimeAllocations.store(0);
-    realtimeLocks.store(0);
+    const long allocationsBefore = test::auditedAllocations(), locksBefore = test::auditedLocks();
     auto ring = std::make_shared<AudioRingBuffer>(2, 1 << 18);
     std::vector<float> music(2 * 100000, 0.25f);
     ring->write(music.data(), 100000);
@@ -136,8 +95,8 @@ TEST_F(RealtimePaths, RenderStageCallbackAllocatesNothing) {
     renderer.start(48000);
     ASSERT_TRUE(platform.waitForRenderCycles(platform.renderCycles() + 300)); // runs the ring dry too
     renderer.stop();
-    EXPECT_EQ(realtimeAllocations.load(), 0u);
-    EXPECT_EQ(realtimeLocks.load(), 0u);
+    EXPECT_EQ(test::auditedAllocations() - allocationsBefore, 0);
+    EXPECT_EQ(test::auditedLocks() - locksBefore, 0);
 }
 
 } // namespace

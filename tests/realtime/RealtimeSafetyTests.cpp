@@ -1,84 +1,29 @@
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-#include <pthread.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <mutex>
-#include <new>
 #include <thread>
 #include <vector>
 
 #include "core/dsp/DenormalGuard.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
+#include "support/RealtimeAudit.hpp"
 #include "support/Signals.hpp"
-
-// This binary replaces the global allocation functions and pthread_mutex_lock so it can count
-// what the audio thread does while the flag below is raised around its calls.
-namespace {
-thread_local bool auditing = false;
-std::atomic<long> auditedAllocations{0};
-std::atomic<long> auditedLocks{0};
-
-using MutexLock = int (*)(pthread_mutex_t*);
-MutexLock realMutexLock() {
-    static MutexLock real = reinterpret_cast<MutexLock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    return real;
-}
-// Resolve before any test thread runs.
-const bool resolved = realMutexLock() != nullptr;
-
-struct Audit {
-    Audit() { auditing = true; }
-    ~Audit() { auditing = false; }
-};
-} // namespace
-
-extern "C" int pthread_mutex_lock(pthread_mutex_t* m) {
-    if (auditing) auditedLocks.fetch_add(1, std::memory_order_relaxed);
-    return realMutexLock()(m);
-}
-
-void* operator new(std::size_t n) {
-    if (auditing) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(n ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t n) { return operator new(n); }
-void* operator new(std::size_t n, std::align_val_t a) {
-    if (auditing) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::aligned_alloc(std::size_t(a), (n + std::size_t(a) - 1) / std::size_t(a) * std::size_t(a))) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t n, std::align_val_t a) { return operator new(n, a); }
-namespace {
-void auditedFree(void* p) noexcept {
-    if (auditing && p) auditedAllocations.fetch_add(1, std::memory_order_relaxed);
-    std::free(p);
-}
-} // namespace
-void operator delete(void* p) noexcept { auditedFree(p); }
-void operator delete[](void* p) noexcept { auditedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { auditedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { auditedFree(p); }
-void operator delete(void* p, std::align_val_t) noexcept { auditedFree(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { auditedFree(p); }
 
 namespace tarn {
 namespace {
 
 TEST(RealtimeAudit, CountsWhatItClaimsToCount) {
-    ASSERT_TRUE(resolved);
-    const long allocations = auditedAllocations.load(), locks = auditedLocks.load();
+    ASSERT_TRUE(test::auditHooksResolved());
+    const long allocations = test::auditedAllocations(), locks = test::auditedLocks();
     {
-        Audit audit;
+        test::Audit audit;
         std::vector<int> v(10);
         std::mutex m;
         std::lock_guard lock(m);
     }
-    EXPECT_GE(auditedAllocations.load() - allocations, 2);   // one new, one delete
-    EXPECT_EQ(auditedLocks.load() - locks, 1);
+    EXPECT_GE(test::auditedAllocations() - allocations, 2);   // one new, one delete
+    EXPECT_EQ(test::auditedLocks() - locks, 1);
 }
 
 HeadphoneProfile profileWith(int filters, double preampDb) {
@@ -130,14 +75,14 @@ TEST(RealtimeAudit, RouteChainAudioPathNeitherAllocatesNorLocksAfterTheFirstBloc
             done.store(true);
         });
 
-        const long allocationsBefore = auditedAllocations.load(), locksBefore = auditedLocks.load();
+        const long allocationsBefore = test::auditedAllocations(), locksBefore = test::auditedLocks();
         long blocks = 0, frame = 512;
         while (!done.load() || blocks < 50) {
             fill(frame);
             // Silence now and then exercises the silent-channel path.
             if (blocks % 37 > 30) std::fill(block.begin(), block.end(), 0.0f);
             {
-                Audit audit;
+                test::Audit audit;
                 DenormalGuard::enableFlushToZero();
                 chain.processInterleaved(block.data(), blocks % 5 == 0 ? 37 + blocks % 400 : 512);
             }
@@ -145,8 +90,8 @@ TEST(RealtimeAudit, RouteChainAudioPathNeitherAllocatesNorLocksAfterTheFirstBloc
             ++blocks;
         }
         control.join();
-        EXPECT_EQ(auditedAllocations.load() - allocationsBefore, 0) << channels << " channels, " << blocks << " blocks";
-        EXPECT_EQ(auditedLocks.load() - locksBefore, 0) << channels << " channels";
+        EXPECT_EQ(test::auditedAllocations() - allocationsBefore, 0) << channels << " channels, " << blocks << " blocks";
+        EXPECT_EQ(test::auditedLocks() - locksBefore, 0) << channels << " channels";
     }
 }
 
