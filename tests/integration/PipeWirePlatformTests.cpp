@@ -23,10 +23,21 @@ using namespace std::chrono_literals;
 // A pass-through route made of platform steps only: capture into a ring, play the ring.
 struct PassThrough {
     AudioRingBuffer ring{2, 16384};
+    std::vector<float> interleaved = std::vector<float>(2 * 8192);
+    // Takes one interleaved buffer or one buffer per channel, as platforms deliver either.
     static void capture(void* context, const AudioBufferList& input) {
         auto* self = static_cast<PassThrough*>(context);
         const auto& b = input.buffers[0];
-        self->ring.write(static_cast<const float*>(b.data), b.byteSize / (b.channelCount * sizeof(float)));
+        const uint32_t frames = std::min<uint32_t>(b.byteSize / (b.channelCount * sizeof(float)), 8192);
+        if (input.bufferCount == 1) {
+            self->ring.write(static_cast<const float*>(b.data), frames);
+            return;
+        }
+        for (uint32_t c = 0; c < 2; ++c) {
+            const auto* channel = static_cast<const float*>(input.buffers[std::min(c, input.bufferCount - 1)].data);
+            for (uint32_t f = 0; f < frames; ++f) self->interleaved[2 * f + c] = channel ? channel[f] : 0.0f;
+        }
+        self->ring.write(self->interleaved.data(), frames);
     }
     static void render(void* context, uint32_t frames, AudioBufferList& output) {
         auto* self = static_cast<PassThrough*>(context);

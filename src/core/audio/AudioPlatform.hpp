@@ -54,8 +54,8 @@ public:
     // On PipeWire: the tap is the record of the application's output streams and the format
     // they will be captured in; the aggregate device is the route's private virtual sink (named
     // as given) onto which those streams are moved through `target.object` metadata, and new
-    // streams of the same application follow while it exists; the I/O procedure is a capture
-    // stream on that sink. Destroying the aggregate device sends the application back to its
+    // streams of the same application follow while it exists; the I/O procedure reads that sink's
+    // monitor, one buffer per channel. Destroying the aggregate device sends the application back to its
     // normal output.
 
     struct TapDescription {
@@ -108,7 +108,7 @@ public:
     // ---- Render ----------------------------------------------------------------------------
     //
     // An output unit plays interleaved 32-bit float frames on one output device, pulling them
-    // from a render callback. On PipeWire it is a playback stream targeting the device's node.
+    // from a render callback. On PipeWire it is a set of playback ports linked to the device's node.
 
     using OutputUnitHandle = std::uint64_t; // 0 means none
     // Called once per cycle on the unit's real-time thread: fill `frameCount` interleaved frames
@@ -146,7 +146,7 @@ public:
     // ---- I/O buffer size -------------------------------------------------------------------
     //
     // `deviceID` is an output device or a capture's aggregate device. On PipeWire a request is
-    // the `node.latency` of the streams on that node; the size in force is the quantum the
+    // the `node.latency` of Tarn's nodes linked to that node; the size in force is the quantum the
     // graph runs that node at.
 
     virtual Status bufferFrameSizeRange(ObjectID deviceID, double& minimum, double& maximum) = 0;

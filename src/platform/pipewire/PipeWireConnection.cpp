@@ -80,11 +80,8 @@ struct PipeWireConnection::Impl {
         pw_proxy* proxy = nullptr;
         spa_hook listener{};
     };
-    struct PortRecord {
-        uint32_t nodeID = 0;
-        bool isInput = false;
-        std::string channel;
-    };
+    // A port that feeds its node from the graph (not a sink's monitor).
+    static bool isGraphInput(const PipeWirePortRecord& port) { return !port.isOutput && !port.isMonitor; }
     struct BoundMetadata {
         Impl* impl = nullptr;
         std::string name;
@@ -97,7 +94,7 @@ struct PipeWireConnection::Impl {
 
     std::map<uint32_t, std::unique_ptr<BoundNode>> nodes;
     std::map<uint32_t, std::unique_ptr<BoundClient>> clients;
-    std::map<uint32_t, PortRecord> ports;
+    std::map<uint32_t, PipeWirePortRecord> ports;
     std::map<uint32_t, std::string> factories;
     std::unique_ptr<BoundMetadata> metadata; // the session manager's "default"
     std::unique_ptr<BoundMetadata> settings; // the daemon's "settings" (clock rate and quanta)
@@ -186,7 +183,7 @@ struct PipeWireConnection::Impl {
             }
             // Ports seen before their node (rare) are counted now.
             for (auto& [portID, port] : self->ports)
-                if (port.nodeID == id && port.isInput) {
+                if (port.nodeID == id && isGraphInput(port)) {
                     bound->record.inputPortCount++;
                     bound->record.inputPortChannels.push_back(port.channel);
                 }
@@ -210,13 +207,17 @@ struct PipeWireConnection::Impl {
             }
             self->clients[id] = std::move(bound);
         } else if (std::strcmp(type, PW_TYPE_INTERFACE_Port) == 0) {
-            PortRecord port;
+            PipeWirePortRecord port;
+            port.id = id;
             port.nodeID = parseU32(dictValue(props, PW_KEY_NODE_ID));
-            port.isInput = dictValue(props, PW_KEY_PORT_DIRECTION) == "in" &&
-                           dictValue(props, PW_KEY_PORT_MONITOR) != "true";
+            port.index = parseU32(dictValue(props, PW_KEY_PORT_ID));
+            port.isOutput = dictValue(props, PW_KEY_PORT_DIRECTION) == "out";
+            port.isMonitor = dictValue(props, PW_KEY_PORT_MONITOR) == "true";
             port.channel = dictValue(props, PW_KEY_AUDIO_CHANNEL);
             self->ports[id] = port;
-            if (port.isInput) {
+            // Someone may be waiting for a node's ports before linking them.
+            pw_thread_loop_signal(self->owner->loop_, false);
+            if (isGraphInput(port)) {
                 if (auto it = self->nodes.find(port.nodeID); it != self->nodes.end()) {
                     it->second->record.inputPortCount++;
                     it->second->record.inputPortChannels.push_back(port.channel);
@@ -257,7 +258,7 @@ struct PipeWireConnection::Impl {
             if (c->second->proxy) pw_proxy_destroy(c->second->proxy);
             self->clients.erase(c);
         } else if (auto p = self->ports.find(id); p != self->ports.end()) {
-            if (p->second.isInput) {
+            if (isGraphInput(p->second)) {
                 if (auto n = self->nodes.find(p->second.nodeID); n != self->nodes.end()) {
                     auto& rec = n->second->record;
                     if (rec.inputPortCount > 0) rec.inputPortCount--;
@@ -444,6 +445,13 @@ int PipeWireConnection::setDefaultMetadataLocked(uint32_t subject, const std::st
     auto* md = reinterpret_cast<pw_metadata*>(impl_->metadata->proxy);
     return pw_metadata_set_property(md, subject, key.c_str(), value ? (type.empty() ? nullptr : type.c_str()) : nullptr,
                                     value ? value->c_str() : nullptr);
+}
+
+std::vector<PipeWirePortRecord> PipeWireConnection::portsLocked(uint32_t nodeID) const {
+    std::vector<PipeWirePortRecord> out;
+    for (const auto& [id, port] : impl_->ports)
+        if (port.nodeID == nodeID) out.push_back(port);
+    return out;
 }
 
 std::optional<std::string> PipeWireConnection::defaultMetadataValueLocked(uint32_t subject,

@@ -45,6 +45,16 @@ struct PipeWireNodeRecord {
     bool isTarnNode() const { return props.count("tarn.role") != 0; }
 };
 
+// One port of a node, as the registry announced it.
+struct PipeWirePortRecord {
+    uint32_t id = 0;
+    uint32_t nodeID = 0;
+    uint32_t index = 0;     // port.id: the port's place among its node's ports of one direction
+    bool isOutput = false;
+    bool isMonitor = false; // a sink's monitor output
+    std::string channel;    // audio.channel, empty when the port has none
+};
+
 struct PipeWireClientRecord {
     uint32_t id = 0;
     PipeWireProperties props;
@@ -116,6 +126,9 @@ public:
     int setDefaultMetadataLocked(uint32_t subject, const std::string& key, const std::optional<std::string>& value,
                                  const std::string& type = "");
     std::optional<std::string> defaultMetadataValueLocked(uint32_t subject, const std::string& key) const;
+
+    // The ports of one node known so far, in announcement order. Caller holds the lock.
+    std::vector<PipeWirePortRecord> portsLocked(uint32_t nodeID) const;
 
     // The last fatal error of the connection (daemon gone), 0 when fine.
     int connectionError() const;

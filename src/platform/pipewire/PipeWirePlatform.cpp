@@ -1,6 +1,7 @@
 #include "platform/pipewire/PipeWirePlatform.hpp"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -8,9 +9,10 @@
 #include <set>
 
 #include <fmt/format.h>
+#include <pipewire/filter.h>
+#include <spa/param/audio/raw.h>
+#include <spa/utils/keys.h>
 #include <pipewire/pipewire.h>
-#include <spa/param/audio/format-utils.h>
-#include <spa/pod/builder.h>
 #include <unistd.h>
 
 #include "platform/pipewire/MetadataGuard.hpp"
@@ -23,20 +25,6 @@ namespace {
 
 constexpr auto startTimeout = std::chrono::seconds(3);
 constexpr uint32_t maximumCycleFrames = 4096;
-
-uint32_t channelPosition(const std::string& name) {
-    static const std::map<std::string, uint32_t> table = {
-        {"MONO", SPA_AUDIO_CHANNEL_MONO}, {"FL", SPA_AUDIO_CHANNEL_FL},   {"FR", SPA_AUDIO_CHANNEL_FR},
-        {"FC", SPA_AUDIO_CHANNEL_FC},     {"LFE", SPA_AUDIO_CHANNEL_LFE}, {"SL", SPA_AUDIO_CHANNEL_SL},
-        {"SR", SPA_AUDIO_CHANNEL_SR},     {"FLC", SPA_AUDIO_CHANNEL_FLC}, {"FRC", SPA_AUDIO_CHANNEL_FRC},
-        {"RC", SPA_AUDIO_CHANNEL_RC},     {"RL", SPA_AUDIO_CHANNEL_RL},   {"RR", SPA_AUDIO_CHANNEL_RR},
-        {"TC", SPA_AUDIO_CHANNEL_TC},     {"TFL", SPA_AUDIO_CHANNEL_TFL}, {"TFC", SPA_AUDIO_CHANNEL_TFC},
-        {"TFR", SPA_AUDIO_CHANNEL_TFR},   {"TRL", SPA_AUDIO_CHANNEL_TRL}, {"TRC", SPA_AUDIO_CHANNEL_TRC},
-        {"TRR", SPA_AUDIO_CHANNEL_TRR},   {"RLC", SPA_AUDIO_CHANNEL_RLC}, {"RRC", SPA_AUDIO_CHANNEL_RRC},
-    };
-    auto it = table.find(name);
-    return it == table.end() ? uint32_t(SPA_AUDIO_CHANNEL_UNKNOWN) : it->second;
-}
 
 // The usual layout for a channel count when a device does not name its positions.
 std::vector<std::string> defaultPositions(uint32_t channels) {
@@ -105,36 +93,69 @@ struct PipeWirePlatform::Impl {
     };
     std::map<ObjectID, std::unique_ptr<CaptureSink>> sinks;
 
-    struct Stream {
-        Impl* impl = nullptr;
+    struct Node;
+
+    // What the engines call an I/O procedure (capture from a route's sink) or an output unit
+    // (playback on a device): one side of a route node.
+    struct Part {
         bool isCapture = false;
-        pw_stream* stream = nullptr;
-        spa_hook listener{};
-        // set before the stream runs, read by the real-time callback
+        // set before the part runs, read by the real-time callback
         IOProc ioProc = nullptr;
         RenderProc renderProc = nullptr;
         void* context = nullptr;
         uint32_t channelCount = 2;
         double sampleRate = 48000;
         uint32_t maximumFrames = maximumCycleFrames;
-        std::vector<std::string> positions;
-        ObjectID targetNode = 0;
-        std::string targetName;
-        std::string group;
-        bool isConnected = false;
         std::atomic<bool> isRunning{false};
-        std::atomic<spa_io_position*> position{nullptr};
-        std::atomic<uint32_t> quantum{0};
-        // Render only: cycles the graph skipped (the clock jumped past where the last one ended).
-        std::atomic<uint64_t> expectedPosition{0};
-        std::atomic<uint64_t> xruns{0};
-        std::atomic<uint64_t> cycles{0};
-        // written on the loop thread, read under its lock
-        pw_stream_state state = PW_STREAM_STATE_UNCONNECTED;
+        std::atomic<uint64_t> xruns{0}; // render only: graph cycles the clock skipped
+        // loop lock
+        std::vector<std::string> positions;
+        ObjectID targetNode = 0; // the capture sink, or the output device
+        std::string group;
+        bool isInitialized = false;
+        ObjectID pairedSink = 0; // render: the capture sink whose route it plays
+        Node* node = nullptr;
         std::string failure;
     };
-    std::map<IOProcHandle, std::unique_ptr<Stream>> ioProcs;
-    std::map<OutputUnitHandle, std::unique_ptr<Stream>> units;
+    std::map<IOProcHandle, std::unique_ptr<Part>> ioProcs;
+    std::map<OutputUnitHandle, std::unique_ptr<Part>> units;
+
+    // One pw_filter in this process that carries a route's capture ports (linked from its capture
+    // sink's monitor), its playback ports (linked to the output device), or both. With both, the
+    // route costs one wake-up per graph cycle instead of two, and playback takes what capture wrote
+    // in the same cycle, so the route adds no latency of its own.
+    struct Node {
+        Impl* impl = nullptr;
+        pw_filter* filter = nullptr;
+        spa_hook listener{};
+        // fixed before the filter connects
+        uint32_t captureChannels = 0;
+        uint32_t renderChannels = 0;
+        std::array<void*, SPA_AUDIO_MAX_CHANNELS> inputs{};
+        std::array<void*, SPA_AUDIO_MAX_CHANNELS> outputs{};
+        std::vector<float> scratch; // interleaved playback frames, renderChannels x maximumCycleFrames
+        // The parts it serves; cleared (then a data-loop barrier) before a part goes away.
+        std::atomic<Part*> capture{nullptr};
+        std::atomic<Part*> render{nullptr};
+        std::atomic<uint32_t> quantum{0};
+        // real-time thread only
+        uint64_t expectedPosition = 0;
+        uint64_t cycles = 0;
+        // loop lock
+        pw_filter_state state = PW_FILTER_STATE_UNCONNECTED;
+        bool isConnected = false;
+        std::string failure;
+        struct Link {
+            Node* node = nullptr;
+            bool isCapture = false;
+            pw_proxy* proxy = nullptr;
+            spa_hook listener{};
+            uint32_t globalID = 0;
+            std::string failure;
+        };
+        std::vector<std::unique_ptr<Link>> links;
+    };
+    std::vector<std::unique_ptr<Node>> nodes;
     std::map<ObjectID, uint32_t> requestedFrames; // node.latency asked per device or capture sink
     uint64_t retiredXruns = 0;                     // of output units already disposed
 
@@ -220,159 +241,330 @@ struct PipeWirePlatform::Impl {
         }
     }
 
-    // ---- streams ----
+    // ---- route nodes ----
 
-    static void onStreamState(void* data, pw_stream_state, pw_stream_state state, const char* error) {
-        auto* s = static_cast<Stream*>(data);
-        s->state = state;
-        if (state == PW_STREAM_STATE_ERROR)
-            s->failure = error ? error : "stream error";
-        else if (state == PW_STREAM_STATE_UNCONNECTED && s->isConnected && s->failure.empty())
-            s->failure = "the stream was disconnected";
-        pw_thread_loop_signal(s->impl->connection->threadLoop(), false);
+    static void onNodeState(void* data, pw_filter_state, pw_filter_state state, const char* error) {
+        auto* n = static_cast<Node*>(data);
+        n->state = state;
+        if (state == PW_FILTER_STATE_ERROR)
+            n->failure = error ? error : "the sound server stopped the route";
+        else if (state == PW_FILTER_STATE_UNCONNECTED && n->isConnected && n->failure.empty())
+            n->failure = "the route was disconnected from the sound server";
+        pw_thread_loop_signal(n->impl->connection->threadLoop(), false);
     }
 
-    static void onStreamIO(void* data, uint32_t id, void* area, uint32_t size) {
-        auto* s = static_cast<Stream*>(data);
-        if (id == SPA_IO_Position) s->position.store(static_cast<spa_io_position*>(area), std::memory_order_release);
-    }
-
-    static void noteQuantum(Stream* s) {
-        auto* pos = s->position.load(std::memory_order_acquire);
-        if (!pos) return;
-        s->quantum.store(static_cast<uint32_t>(pos->clock.duration), std::memory_order_relaxed);
+    // Real-time: counts the cycles the clock skipped while the render part plays.
+    static void countCycle(Node* n, Part* render, const spa_io_position* position) {
         // The graph restarts its clock while routes join it: count from half a second in.
-        uint64_t expected = s->expectedPosition.load(std::memory_order_relaxed);
-        uint64_t cycles = s->cycles.fetch_add(1, std::memory_order_relaxed);
-        bool settled = cycles * pos->clock.duration >= pos->clock.rate.denom / 2;
-        if (expected != 0 && settled && pos->clock.position != expected && s->isRunning.load(std::memory_order_relaxed))
-            s->xruns.fetch_add(1, std::memory_order_relaxed);
-        s->expectedPosition.store(pos->clock.position + pos->clock.duration, std::memory_order_relaxed);
+        bool settled = n->cycles * position->clock.duration >= position->clock.rate.denom / 2;
+        if (render && n->expectedPosition != 0 && settled && position->clock.position != n->expectedPosition &&
+            render->isRunning.load(std::memory_order_relaxed))
+            render->xruns.fetch_add(1, std::memory_order_relaxed);
+        n->cycles++;
+        n->expectedPosition = position->clock.position + position->clock.duration;
     }
 
-    // Real-time: the capture stream's cycle.
-    static void onCaptureProcess(void* data) {
-        auto* s = static_cast<Stream*>(data);
-        pw_buffer* b = pw_stream_dequeue_buffer(s->stream);
-        if (!b) return;
-        noteQuantum(s);
-        spa_buffer* buf = b->buffer;
-        if (s->isRunning.load(std::memory_order_acquire) && buf->n_datas > 0 && buf->datas[0].data &&
-            buf->datas[0].chunk) {
-            spa_data& d = buf->datas[0];
-            uint32_t offset = std::min(d.chunk->offset, d.maxsize);
-            uint32_t size = std::min(d.chunk->size, d.maxsize - offset);
-            AudioBufferList::Buffer buffer{s->channelCount, size, static_cast<uint8_t*>(d.data) + offset};
-            AudioBufferList list{1, &buffer};
-            s->ioProc(s->context, list);
+    // Real-time: one graph cycle of a route node. Capture first, so that playback can take the
+    // frames of this very cycle.
+    static void onNodeProcess(void* data, spa_io_position* position) {
+        auto* n = static_cast<Node*>(data);
+        if (!position) return;
+        const auto frames = static_cast<uint32_t>(position->clock.duration);
+        n->quantum.store(frames, std::memory_order_relaxed);
+        Part* capture = n->capture.load(std::memory_order_acquire);
+        Part* render = n->render.load(std::memory_order_acquire);
+        countCycle(n, render, position);
+
+        if (n->captureChannels > 0) {
+            // Dequeued every cycle, running or not, so the ports' buffers keep flowing.
+            std::array<AudioBufferList::Buffer, SPA_AUDIO_MAX_CHANNELS> buffers{};
+            for (uint32_t c = 0; c < n->captureChannels; ++c)
+                buffers[c] = {1, frames * uint32_t(sizeof(float)), pw_filter_get_dsp_buffer(n->inputs[c], frames)};
+            if (capture && capture->isRunning.load(std::memory_order_acquire)) {
+                AudioBufferList list{n->captureChannels, buffers.data()};
+                capture->ioProc(capture->context, list);
+            }
         }
-        pw_stream_queue_buffer(s->stream, b);
+        if (n->renderChannels > 0) {
+            const uint32_t channels = n->renderChannels;
+            std::array<float*, SPA_AUDIO_MAX_CHANNELS> outputs{};
+            for (uint32_t c = 0; c < channels; ++c)
+                outputs[c] = static_cast<float*>(pw_filter_get_dsp_buffer(n->outputs[c], frames));
+            const bool playing = render && render->isRunning.load(std::memory_order_acquire);
+            const uint32_t chunkMax = playing ? std::min(render->maximumFrames, maximumCycleFrames) : frames;
+            for (uint32_t done = 0; done < frames;) {
+                const uint32_t chunk = std::min(frames - done, chunkMax);
+                if (playing) {
+                    AudioBufferList::Buffer buffer{channels, chunk * channels * uint32_t(sizeof(float)), n->scratch.data()};
+                    AudioBufferList list{1, &buffer};
+                    render->renderProc(render->context, chunk, list);
+                }
+                for (uint32_t c = 0; c < channels; ++c) {
+                    if (!outputs[c]) continue;
+                    float* out = outputs[c] + done;
+                    if (!playing) {
+                        std::memset(out, 0, chunk * sizeof(float));
+                        continue;
+                    }
+                    const float* in = n->scratch.data() + c;
+                    for (uint32_t f = 0; f < chunk; ++f) out[f] = in[size_t(f) * channels];
+                }
+                done += chunk;
+            }
+        }
     }
 
-    // Real-time: the playback stream's cycle.
-    static void onRenderProcess(void* data) {
-        auto* s = static_cast<Stream*>(data);
-        pw_buffer* b = pw_stream_dequeue_buffer(s->stream);
-        if (!b) return;
-        noteQuantum(s);
-        spa_buffer* buf = b->buffer;
-        if (buf->n_datas == 0 || !buf->datas[0].data) {
-            pw_stream_queue_buffer(s->stream, b);
-            return;
-        }
-        spa_data& d = buf->datas[0];
-        uint32_t stride = s->channelCount * sizeof(float);
-        uint32_t frames = d.maxsize / stride;
-        if (b->requested) frames = std::min<uint32_t>(frames, static_cast<uint32_t>(b->requested));
-        frames = std::min(frames, s->maximumFrames);
-        if (s->isRunning.load(std::memory_order_acquire)) {
-            AudioBufferList::Buffer buffer{s->channelCount, frames * stride, d.data};
-            AudioBufferList list{1, &buffer};
-            s->renderProc(s->context, frames, list);
-        } else {
-            std::memset(d.data, 0, size_t(frames) * stride);
-        }
-        d.chunk->offset = 0;
-        d.chunk->stride = static_cast<int32_t>(stride);
-        d.chunk->size = frames * stride;
-        pw_stream_queue_buffer(s->stream, b);
+    static void onLinkBound(void* data, uint32_t globalID) {
+        auto* l = static_cast<Node::Link*>(data);
+        l->globalID = globalID;
+        pw_thread_loop_signal(l->node->impl->connection->threadLoop(), false);
+    }
+    static void onLinkRemoved(void* data) {
+        auto* l = static_cast<Node::Link*>(data);
+        if (l->failure.empty())
+            l->failure = l->isCapture ? "the capture sink went away" : "the output device went away";
+        pw_thread_loop_signal(l->node->impl->connection->threadLoop(), false);
+    }
+    static void onLinkError(void* data, int, int res, const char* message) {
+        auto* l = static_cast<Node::Link*>(data);
+        l->failure = fmt::format("the sound server refused a link ({})", message ? message : strerror(-res));
+        pw_thread_loop_signal(l->node->impl->connection->threadLoop(), false);
     }
 
-    static pw_stream_events streamEvents(bool capture) {
-        pw_stream_events e{};
-        e.version = PW_VERSION_STREAM_EVENTS;
-        e.state_changed = &onStreamState;
-        e.io_changed = &onStreamIO;
-        e.process = capture ? &onCaptureProcess : &onRenderProcess;
-        return e;
-    }
-
-    // Creates and connects a stream, inactive, and waits until the graph has linked it.
-    Status connectStream(Stream& s, const std::string& nodeName, const std::string& description) {
-        auto* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY,
-                                        s.isCapture ? "Capture" : "Playback", PW_KEY_MEDIA_ROLE, "Music",
-                                        PW_KEY_NODE_NAME, nodeName.c_str(), PW_KEY_NODE_DESCRIPTION,
-                                        description.c_str(), PW_KEY_TARGET_OBJECT, s.targetName.c_str(),
-                                        PW_KEY_NODE_DONT_RECONNECT, "true", "tarn.role",
-                                        s.isCapture ? "capture" : "render", "state.restore-target", "false",
-                                        "state.restore-props", "false", nullptr);
-        if (s.isCapture) {
-            pw_properties_set(props, PW_KEY_STREAM_CAPTURE_SINK, "true");
-            pw_properties_set(props, PW_KEY_STREAM_DONT_REMIX, "true");
-        }
-        if (!s.group.empty()) pw_properties_set(props, PW_KEY_NODE_GROUP, s.group.c_str());
-        if (auto it = requestedFrames.find(s.targetNode); it != requestedFrames.end())
-            pw_properties_setf(props, PW_KEY_NODE_LATENCY, "%u/%u", it->second, unsigned(s.sampleRate));
-
-        s.stream = pw_stream_new(connection->core(), nodeName.c_str(), props);
-        if (!s.stream) return -errno ? -errno : -ENOMEM;
-        static const pw_stream_events captureEvents = streamEvents(true);
-        static const pw_stream_events renderEvents = streamEvents(false);
-        pw_stream_add_listener(s.stream, &s.listener, s.isCapture ? &captureEvents : &renderEvents, &s);
-
-        spa_audio_info_raw info{};
-        info.format = SPA_AUDIO_FORMAT_F32;
-        info.rate = static_cast<uint32_t>(s.sampleRate);
-        info.channels = s.channelCount;
-        auto positions = s.positions.size() == s.channelCount ? s.positions : defaultPositions(s.channelCount);
-        for (uint32_t i = 0; i < s.channelCount && i < SPA_AUDIO_MAX_CHANNELS; ++i)
-            info.position[i] = channelPosition(positions[i]);
-        uint8_t storage[1024];
-        spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof storage);
-        const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
-
-        int res = pw_stream_connect(s.stream, s.isCapture ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
-                                    static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
-                                                                 PW_STREAM_FLAG_RT_PROCESS | PW_STREAM_FLAG_INACTIVE),
-                                    params, 1);
-        if (res < 0) return res;
-        s.isConnected = true;
-        bool linked = connection->waitLocked(
-            [&] { return s.state == PW_STREAM_STATE_PAUSED || s.state == PW_STREAM_STATE_STREAMING ||
-                         s.state == PW_STREAM_STATE_ERROR || !s.failure.empty(); },
-            startTimeout);
-        if (s.state == PW_STREAM_STATE_ERROR || !s.failure.empty()) return -EIO;
-        if (!linked) return -ETIMEDOUT;
+    Status link(Node& node, bool isCapture, uint32_t outputNode, uint32_t outputPort, uint32_t inputNode,
+                uint32_t inputPort) {
+        auto l = std::make_unique<Node::Link>();
+        l->node = &node;
+        l->isCapture = isCapture;
+        // Not lingering: the link is this client's and goes with it.
+        auto* props = pw_properties_new(PW_KEY_OBJECT_LINGER, "false", nullptr);
+        pw_properties_setf(props, PW_KEY_LINK_OUTPUT_NODE, "%u", outputNode);
+        pw_properties_setf(props, PW_KEY_LINK_OUTPUT_PORT, "%u", outputPort);
+        pw_properties_setf(props, PW_KEY_LINK_INPUT_NODE, "%u", inputNode);
+        pw_properties_setf(props, PW_KEY_LINK_INPUT_PORT, "%u", inputPort);
+        l->proxy = static_cast<pw_proxy*>(pw_core_create_object(connection->core(), "link-factory",
+                                                                PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &props->dict, 0));
+        pw_properties_free(props);
+        if (!l->proxy) return -errno ? -errno : -ENOMEM;
+        static const pw_proxy_events events = [] {
+            pw_proxy_events e{};
+            e.version = PW_VERSION_PROXY_EVENTS;
+            e.bound = &onLinkBound;
+            e.removed = &onLinkRemoved;
+            e.error = &onLinkError;
+            return e;
+        }();
+        pw_proxy_add_listener(l->proxy, &l->listener, &events, l.get());
+        node.links.push_back(std::move(l));
         return noError;
+    }
+
+    // Links one side of a node to its peer's ports: channel to the same channel, else by order.
+    Status linkSide(Node& node, uint32_t nodeID, bool isCapture, uint32_t peer) {
+        auto own = connection->portsLocked(nodeID);
+        auto theirs = connection->portsLocked(peer);
+        auto keep = [](std::vector<PipeWirePortRecord>& ports, auto wanted) {
+            ports.erase(std::remove_if(ports.begin(), ports.end(), [&](auto& p) { return !wanted(p); }), ports.end());
+            std::sort(ports.begin(), ports.end(), [](auto& a, auto& b) { return a.index < b.index; });
+        };
+        // Capture reads the sink's monitor; playback feeds the device's inputs.
+        keep(own, [&](const PipeWirePortRecord& p) { return p.isOutput != isCapture; });
+        keep(theirs, [&](const PipeWirePortRecord& p) { return isCapture ? p.isOutput && p.isMonitor : !p.isOutput && !p.isMonitor; });
+        if (theirs.empty()) return isCapture ? -ENOENT : -ENODEV;
+        std::set<uint32_t> used;
+        for (size_t i = 0; i < own.size(); ++i) {
+            const PipeWirePortRecord* match = nullptr;
+            for (const auto& p : theirs)
+                if (p.channel == own[i].channel && !used.count(p.id)) match = match ? match : &p;
+            if (!match && i < theirs.size() && !used.count(theirs[i].id)) match = &theirs[i];
+            if (!match) continue; // the peer has fewer channels: this one stays silent
+            used.insert(match->id);
+            Status st = isCapture ? link(node, true, peer, match->id, nodeID, own[i].id)
+                                  : link(node, false, nodeID, own[i].id, peer, match->id);
+            if (st != noError) return st;
+        }
+        return noError;
+    }
+
+    static std::string sideFailure(const Node& n, bool isCapture) {
+        if (!n.failure.empty()) return n.failure;
+        for (const auto& l : n.links)
+            if (l->isCapture == isCapture && !l->failure.empty()) return l->failure;
+        return {};
+    }
+
+    // Makes the filter for a capture part, a render part or both, connects it, links its ports and
+    // waits until the links stand. On failure nothing of it is left.
+    Status buildNode(Part* capture, Part* render) {
+        for (Part* p : {capture, render})
+            if (p && (p->channelCount == 0 || p->channelCount > SPA_AUDIO_MAX_CHANNELS)) return -EINVAL;
+        nodes.push_back(std::make_unique<Node>());
+        Node& n = *nodes.back();
+        n.impl = this;
+        n.captureChannels = capture ? capture->channelCount : 0;
+        n.renderChannels = render ? render->channelCount : 0;
+        n.scratch.assign(size_t(n.renderChannels) * maximumCycleFrames, 0.0f);
+        Part& lead = render ? *render : *capture;
+
+        auto nodeName = fmt::format("tarn.route.{}.{}", getpid(), nextID++);
+        auto* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Filter", PW_KEY_MEDIA_ROLE,
+                                        "Music", PW_KEY_NODE_NAME, nodeName.c_str(), PW_KEY_NODE_DESCRIPTION,
+                                        "Tarn route", PW_KEY_NODE_WANT_DRIVER, "true", "tarn.role", "route", nullptr);
+        if (!lead.group.empty()) pw_properties_set(props, PW_KEY_NODE_GROUP, lead.group.c_str());
+        if (auto frames = requestedFramesFor(capture, render))
+            pw_properties_setf(props, PW_KEY_NODE_LATENCY, "%u/%u", frames, unsigned(lead.sampleRate));
+        n.filter = pw_filter_new(connection->core(), nodeName.c_str(), props);
+        if (!n.filter) {
+            int err = errno ? -errno : -ENOMEM;
+            nodes.pop_back();
+            return err;
+        }
+        static const pw_filter_events events = [] {
+            pw_filter_events e{};
+            e.version = PW_VERSION_FILTER_EVENTS;
+            e.state_changed = &onNodeState;
+            e.process = &onNodeProcess;
+            return e;
+        }();
+        pw_filter_add_listener(n.filter, &n.listener, &events, &n);
+
+        auto addPorts = [&](Part* part, pw_direction direction, std::array<void*, SPA_AUDIO_MAX_CHANNELS>& ports) {
+            if (!part) return true;
+            auto positions = part->positions.size() == part->channelCount ? part->positions
+                                                                          : defaultPositions(part->channelCount);
+            for (uint32_t c = 0; c < part->channelCount; ++c) {
+                auto name = fmt::format("{}_{}", direction == PW_DIRECTION_INPUT ? "input" : "output", positions[c]);
+                ports[c] = pw_filter_add_port(n.filter, direction, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0,
+                                              pw_properties_new(PW_KEY_FORMAT_DSP, "32 bit float mono audio",
+                                                                PW_KEY_PORT_NAME, name.c_str(), PW_KEY_AUDIO_CHANNEL,
+                                                                positions[c].c_str(), nullptr),
+                                              nullptr, 0);
+                if (!ports[c]) return false;
+            }
+            return true;
+        };
+        Status status = noError;
+        if (!addPorts(capture, PW_DIRECTION_INPUT, n.inputs) || !addPorts(render, PW_DIRECTION_OUTPUT, n.outputs))
+            status = errno ? -errno : -ENOMEM;
+        if (status == noError) status = pw_filter_connect(n.filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
+        if (status == noError) {
+            n.isConnected = true;
+            status = waitFor(n, [&] { return n.state == PW_FILTER_STATE_PAUSED || n.state == PW_FILTER_STATE_STREAMING; });
+        }
+        uint32_t nodeID = status == noError ? pw_filter_get_node_id(n.filter) : SPA_ID_INVALID;
+        if (status == noError && nodeID == SPA_ID_INVALID) status = -EIO;
+        if (status == noError) {
+            // The ports must be known to the registry, ours and the peers', before they can be linked.
+            const size_t ownPorts = n.captureChannels + n.renderChannels;
+            status = waitFor(n, [&] {
+                if (connection->portsLocked(nodeID).size() < ownPorts) return false;
+                for (Part* p : {capture, render}) {
+                    if (!p) continue;
+                    auto peer = connection->portsLocked(p->targetNode);
+                    bool any = std::any_of(peer.begin(), peer.end(), [&](auto& port) {
+                        return p->isCapture ? port.isMonitor : !port.isOutput && !port.isMonitor;
+                    });
+                    if (!any) return false;
+                }
+                return true;
+            });
+        }
+        if (status == noError && capture) status = linkSide(n, nodeID, true, capture->targetNode);
+        if (status == noError && render) status = linkSide(n, nodeID, false, render->targetNode);
+        if (status == noError)
+            status = waitFor(n, [&] {
+                return std::all_of(n.links.begin(), n.links.end(), [](auto& l) { return l->globalID != 0; });
+            });
+        if (status != noError) {
+            destroyNode(n);
+            return status;
+        }
+        if (capture) {
+            capture->node = &n;
+            n.capture.store(capture, std::memory_order_release);
+        }
+        if (render) {
+            render->node = &n;
+            n.render.store(render, std::memory_order_release);
+        }
+        return noError;
+    }
+
+    // Waits for `done`, failing early when the node or one of its links fails.
+    template <typename Done>
+    Status waitFor(Node& n, Done done) {
+        bool failed = false;
+        bool ok = connection->waitLocked(
+            [&] {
+                failed = n.state == PW_FILTER_STATE_ERROR || !n.failure.empty() ||
+                         std::any_of(n.links.begin(), n.links.end(), [](auto& l) { return !l->failure.empty(); });
+                return failed || done();
+            },
+            startTimeout);
+        if (failed) return -EIO;
+        return ok ? noError : -ETIMEDOUT;
+    }
+
+    uint32_t requestedFramesFor(const Part* capture, const Part* render) const {
+        for (const Part* p : {render, capture})
+            if (p)
+                if (auto it = requestedFrames.find(p->targetNode); it != requestedFrames.end()) return it->second;
+        return 0;
     }
 
     static int barrier(spa_loop*, bool, uint32_t, const void*, size_t, void*) { return 0; }
 
-    // Stops the callback and returns only once it cannot be running any more.
-    void deactivate(Stream& s) {
-        s.isRunning.store(false, std::memory_order_release);
-        if (s.stream && s.isConnected) pw_stream_set_active(s.stream, false);
-        // One empty call through the data thread: a cycle in progress has finished when it returns.
+    // Returns once a cycle that may have seen the old state of a node has finished.
+    void waitForDataThread() {
         pw_data_loop_invoke(pw_context_get_data_loop(connection->context()), &barrier, 0, nullptr, 0, true, nullptr);
     }
 
-    void destroyStream(Stream& s) {
-        if (!s.stream) return;
-        deactivate(s);
-        spa_hook_remove(&s.listener);
-        pw_stream_destroy(s.stream);
-        s.stream = nullptr;
-        s.isConnected = false;
+    // Stops a part's callback and returns only once it cannot be running any more.
+    void deactivate(Part& p) {
+        p.isRunning.store(false, std::memory_order_release);
+        waitForDataThread();
+    }
+
+    void destroyLink(Node::Link& l) {
+        spa_hook_remove(&l.listener);
+        pw_proxy_destroy(l.proxy);
+    }
+
+    void destroyNode(Node& n) {
+        n.capture.store(nullptr, std::memory_order_release);
+        n.render.store(nullptr, std::memory_order_release);
+        for (auto& l : n.links) destroyLink(*l);
+        n.links.clear();
+        if (n.filter) {
+            spa_hook_remove(&n.listener);
+            pw_filter_destroy(n.filter); // disconnects, through the data thread
+        }
+        nodes.erase(std::find_if(nodes.begin(), nodes.end(), [&](auto& x) { return x.get() == &n; }));
+    }
+
+    // Takes a part off its node, with its links; the node goes when it serves nothing more.
+    void detach(Part& p) {
+        Node* n = p.node;
+        if (!n) return;
+        (p.isCapture ? n->capture : n->render).store(nullptr, std::memory_order_release);
+        waitForDataThread();
+        p.node = nullptr;
+        for (auto it = n->links.begin(); it != n->links.end();) {
+            if ((*it)->isCapture == p.isCapture) {
+                destroyLink(**it);
+                it = n->links.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        if (!n->capture.load(std::memory_order_relaxed) && !n->render.load(std::memory_order_relaxed)) destroyNode(*n);
+    }
+
+    std::optional<std::string> failureOf(const Part& p) const {
+        if (!p.failure.empty()) return p.failure;
+        if (p.node)
+            if (auto text = sideFailure(*p.node, p.isCapture); !text.empty()) return text;
+        return std::nullopt;
     }
 
     // ---- capture sinks ----
@@ -402,12 +594,17 @@ struct PipeWirePlatform::Impl {
         }
     }
 
-    Stream* streamFor(ObjectID node) {
-        for (auto& [h, s] : units)
-            if (s->stream && s->targetNode == node) return s.get();
-        for (auto& [h, s] : ioProcs)
-            if (s->stream && s->targetNode == node) return s.get();
+    // The node that plays to or captures from a device, or none.
+    Node* nodeFor(ObjectID device) {
+        for (auto* parts : {&units, &ioProcs})
+            for (auto& [h, p] : *parts)
+                if (p->node && p->targetNode == device) return p->node;
         return nullptr;
+    }
+
+    void unpair(Part& render) {
+        if (auto it = sinks.find(render.pairedSink); it != sinks.end()) it->second->isPaired = false;
+        render.pairedSink = 0;
     }
 };
 
@@ -429,8 +626,11 @@ PipeWirePlatform::~PipeWirePlatform() {
     connection_->removeListener(impl_->connectionListener);
     {
         PipeWireConnection::Lock lock(*connection_);
-        for (auto& [h, s] : impl_->units) impl_->destroyStream(*s);
-        for (auto& [h, s] : impl_->ioProcs) impl_->destroyStream(*s);
+        for (auto* parts : {&impl_->units, &impl_->ioProcs})
+            for (auto& [h, p] : *parts) {
+                impl_->deactivate(*p);
+                impl_->detach(*p);
+            }
         for (auto& [id, sink] : impl_->sinks) impl_->destroySink(*sink);
         impl_->units.clear();
         impl_->ioProcs.clear();
@@ -452,16 +652,14 @@ std::optional<std::string> PipeWirePlatform::outputUnitFailure(OutputUnitHandle 
     PipeWireConnection::Lock lock(*connection_);
     if (int err = connection_->connectionError()) return fmt::format("the sound server went away ({})", strerror(-err));
     auto it = impl_->units.find(unit);
-    if (it == impl_->units.end() || it->second->failure.empty()) return std::nullopt;
-    return it->second->failure;
+    return it == impl_->units.end() ? std::nullopt : impl_->failureOf(*it->second);
 }
 
 std::optional<std::string> PipeWirePlatform::ioProcFailure(IOProcHandle handle) {
     PipeWireConnection::Lock lock(*connection_);
     if (int err = connection_->connectionError()) return fmt::format("the sound server went away ({})", strerror(-err));
     auto it = impl_->ioProcs.find(handle);
-    if (it == impl_->ioProcs.end() || it->second->failure.empty()) return std::nullopt;
-    return it->second->failure;
+    return it == impl_->ioProcs.end() ? std::nullopt : impl_->failureOf(*it->second);
 }
 
 std::uint64_t PipeWirePlatform::xrunCount() {
@@ -618,13 +816,11 @@ AudioPlatform::Status PipeWirePlatform::createIOProc(ObjectID deviceID, IOProc p
     auto sinkIt = impl_->sinks.find(deviceID);
     if (sinkIt == impl_->sinks.end() || !proc) return -ENOENT;
     auto& sink = *sinkIt->second;
-    auto s = std::make_unique<Impl::Stream>();
-    s->impl = impl_.get();
+    auto s = std::make_unique<Impl::Part>();
     s->isCapture = true;
     s->ioProc = proc;
     s->context = context;
     s->targetNode = deviceID;
-    s->targetName = sink.nodeName;
     s->group = sink.group;
     s->channelCount = sink.format.channelCount;
     s->sampleRate = sink.format.sampleRate;
@@ -638,7 +834,8 @@ AudioPlatform::Status PipeWirePlatform::destroyIOProc(ObjectID deviceID, IOProcH
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->ioProcs.find(handle);
     if (it == impl_->ioProcs.end()) return -ENOENT;
-    impl_->destroyStream(*it->second);
+    impl_->deactivate(*it->second);
+    impl_->detach(*it->second);
     impl_->ioProcs.erase(it);
     return noError;
 }
@@ -648,15 +845,10 @@ AudioPlatform::Status PipeWirePlatform::startDevice(ObjectID deviceID, IOProcHan
     auto it = impl_->ioProcs.find(handle);
     if (it == impl_->ioProcs.end()) return -ENOENT;
     auto& s = *it->second;
-    if (!s.stream) {
-        auto name = fmt::format("tarn.capture.{}.{}", getpid(), handle);
-        if (Status st = impl_->connectStream(s, name, "Tarn capture"); st != noError) {
-            impl_->destroyStream(s);
-            return st;
-        }
-    }
+    if (!s.node)
+        if (Status st = impl_->buildNode(&s, nullptr); st != noError) return st;
     s.isRunning.store(true, std::memory_order_release);
-    return pw_stream_set_active(s.stream, true);
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::stopDevice(ObjectID deviceID, IOProcHandle handle) {
@@ -673,8 +865,7 @@ bool PipeWirePlatform::hasOutputUnitComponent() { return true; }
 
 AudioPlatform::Status PipeWirePlatform::createOutputUnit(OutputUnitHandle& unit) {
     PipeWireConnection::Lock lock(*connection_);
-    auto s = std::make_unique<Impl::Stream>();
-    s->impl = impl_.get();
+    auto s = std::make_unique<Impl::Part>();
     unit = impl_->nextID++;
     impl_->units[unit] = std::move(s);
     return noError;
@@ -693,7 +884,6 @@ AudioPlatform::Status PipeWirePlatform::setOutputUnitDevice(OutputUnitHandle uni
     auto d = std::find_if(devices.begin(), devices.end(), [&](auto& x) { return x.nodeID == deviceID; });
     if (d == devices.end()) return -ENODEV;
     it->second->targetNode = deviceID;
-    it->second->targetName = d->uid;
     it->second->positions = d->positions;
     return noError;
 }
@@ -733,28 +923,37 @@ AudioPlatform::Status PipeWirePlatform::initializeOutputUnit(OutputUnitHandle un
     if (it == impl_->units.end()) return -ENOENT;
     auto& s = *it->second;
     if (!s.renderProc || s.targetNode == 0) return -EINVAL;
-    if (s.stream) return noError;
-    // The newest capture sink without a renderer is this route's: share its group so that the
-    // output device drives the capture too.
+    if (s.isInitialized) return noError;
+    // The newest capture sink without a renderer is this route's: its capture moves into one node
+    // with this playback, so that the output device's cycle carries both.
+    Impl::Part* capture = nullptr;
     for (auto sink = impl_->sinks.rbegin(); sink != impl_->sinks.rend(); ++sink) {
-        if (!sink->second->isPaired) {
-            sink->second->isPaired = true;
-            s.group = sink->second->group;
-            break;
-        }
+        if (sink->second->isPaired) continue;
+        sink->second->isPaired = true;
+        s.pairedSink = sink->first;
+        s.group = sink->second->group;
+        for (auto& [h, p] : impl_->ioProcs)
+            if (p->targetNode == sink->first && !capture) capture = p.get();
+        break;
     }
-    auto name = fmt::format("tarn.render.{}.{}", getpid(), unit);
-    Status st = impl_->connectStream(s, name, "Tarn output");
-    if (st != noError) impl_->destroyStream(s);
-    return st;
+    if (capture) impl_->detach(*capture);
+    Status st = impl_->buildNode(capture, &s);
+    if (st != noError) {
+        impl_->unpair(s);
+        // The capture carries on alone, as it was.
+        if (capture) impl_->buildNode(capture, nullptr);
+        return st;
+    }
+    s.isInitialized = true;
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::startOutputUnit(OutputUnitHandle unit) {
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->units.find(unit);
-    if (it == impl_->units.end() || !it->second->stream) return -ENOENT;
+    if (it == impl_->units.end() || !it->second->isInitialized) return -ENOENT;
     it->second->isRunning.store(true, std::memory_order_release);
-    return pw_stream_set_active(it->second->stream, true);
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::stopOutputUnit(OutputUnitHandle unit) {
@@ -769,7 +968,10 @@ AudioPlatform::Status PipeWirePlatform::uninitializeOutputUnit(OutputUnitHandle 
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->units.find(unit);
     if (it == impl_->units.end()) return -ENOENT;
-    impl_->destroyStream(*it->second);
+    impl_->deactivate(*it->second);
+    impl_->detach(*it->second);
+    impl_->unpair(*it->second);
+    it->second->isInitialized = false;
     return noError;
 }
 
@@ -777,7 +979,9 @@ AudioPlatform::Status PipeWirePlatform::disposeOutputUnit(OutputUnitHandle unit)
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->units.find(unit);
     if (it == impl_->units.end()) return -ENOENT;
-    impl_->destroyStream(*it->second);
+    impl_->deactivate(*it->second);
+    impl_->detach(*it->second);
+    impl_->unpair(*it->second);
     impl_->retiredXruns += it->second->xruns.load(std::memory_order_relaxed);
     impl_->units.erase(it);
     return noError;
@@ -800,24 +1004,24 @@ AudioPlatform::Status PipeWirePlatform::setBufferFrameSize(ObjectID deviceID, st
     if (!g.node(deviceID)) return -ENODEV;
     if (frames == 0) return -EINVAL;
     impl_->requestedFrames[deviceID] = frames;
-    for (auto* streams : {&impl_->units, &impl_->ioProcs}) {
-        for (auto& [h, s] : *streams) {
-            if (s->stream && s->targetNode == deviceID) {
-                auto latency = fmt::format("{}/{}", frames, unsigned(s->sampleRate));
-                spa_dict_item item = SPA_DICT_ITEM_INIT(PW_KEY_NODE_LATENCY, latency.c_str());
-                spa_dict dict = SPA_DICT_INIT(&item, 1);
-                pw_stream_update_properties(s->stream, &dict);
-            }
-        }
+    for (auto& n : impl_->nodes) {
+        Impl::Part* capture = n->capture.load(std::memory_order_relaxed);
+        Impl::Part* render = n->render.load(std::memory_order_relaxed);
+        if (!(capture && capture->targetNode == deviceID) && !(render && render->targetNode == deviceID)) continue;
+        const Impl::Part& lead = render ? *render : *capture;
+        auto latency = fmt::format("{}/{}", impl_->requestedFramesFor(capture, render), unsigned(lead.sampleRate));
+        spa_dict_item item = SPA_DICT_ITEM_INIT(PW_KEY_NODE_LATENCY, latency.c_str());
+        spa_dict dict = SPA_DICT_INIT(&item, 1);
+        pw_filter_update_properties(n->filter, nullptr, &dict);
     }
     return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::bufferFrameSize(ObjectID deviceID, std::uint32_t& frames) {
     PipeWireConnection::Lock lock(*connection_);
-    auto* s = impl_->streamFor(deviceID);
-    // Only a running stream knows the quantum its graph was granted.
-    uint32_t q = s ? s->quantum.load(std::memory_order_relaxed) : 0;
+    auto* n = impl_->nodeFor(deviceID);
+    // Only a running node knows the quantum its graph was granted.
+    uint32_t q = n ? n->quantum.load(std::memory_order_relaxed) : 0;
     if (q == 0) return -EAGAIN;
     frames = q;
     return noError;

@@ -19,11 +19,13 @@ namespace tarn {
 //   follow while it exists. Destroying it removes those entries, so the application goes back to
 //   its normal output; if the process dies, the sink goes with its client and the metadata guard
 //   (a small watchdog process) removes the entries.
-// - An I/O procedure is a capture stream on that sink's monitor; an output unit is a playback
-//   stream on the chosen sink. A route's capture sink and playback stream share a `node.group`,
-//   so the output device's clock drives both and they run in the same graph cycle.
-// - Buffer sizes are `node.latency` requests; the size in force is the quantum the stream's graph
-//   cycle really has, known once the stream runs.
+// - A route's I/O procedure and output unit are the two sides of one filter node in this process:
+//   input ports linked from the capture sink's monitor, output ports linked to the chosen sink, so
+//   that the output device's cycle runs capture and playback in one wake-up, playback taking what
+//   capture wrote in the same cycle. The links are this client's and go with it. An output unit
+//   with no capture sink to pair with (or an I/O procedure alone) gets a node of its own.
+// - Buffer sizes are `node.latency` requests; the size in force is the quantum the node's graph
+//   cycle really has, known once the node runs.
 class PipeWirePlatform final : public AudioPlatform {
 public:
     // Connects to the daemon. Throws PipeWireError when none answers.
@@ -33,7 +35,7 @@ public:
 
     PipeWireConnection& connection() { return *connection_; }
 
-    // The failure that ended a running stream of this unit or I/O procedure (its sink went away,
+    // The failure that ended this unit or I/O procedure while it ran (its sink went away,
     // the daemon closed the connection), or none while it runs normally.
     std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) override;
     std::optional<std::string> ioProcFailure(IOProcHandle handle) override;
