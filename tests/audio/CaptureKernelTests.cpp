@@ -39,6 +39,16 @@ TEST(CaptureKernel, LongInterleavedCycleArrivesWholeAndInOrder) {
     AudioBufferList::Buffer buffer{2, std::uint32_t(cycle.size() * sizeof(float)), cycle.data()};
     capture.kernel.process({1, &buffer});
     EXPECT_EQ(capture.drain(), cycle) << "10000 frames pass through a 4096-frame scratch in three chunks";
+
+    // The same cycle as one buffer per channel, the way PipeWire's ports deliver it.
+    std::vector<float> left, right;
+    for (int f = 0; f < 10000; ++f) {
+        left.push_back(sampleAt(f, 0));
+        right.push_back(sampleAt(f, 1));
+    }
+    AudioBufferList::Buffer planar[2]{{1, 40000, left.data()}, {1, 40000, right.data()}};
+    capture.kernel.process({2, planar});
+    EXPECT_EQ(capture.drain(), cycle);
 }
 
 TEST(CaptureKernel, InterleavedCycleOfTheWrongShapeIsDropped) {
@@ -83,6 +93,15 @@ TEST(CaptureKernel, NonInterleavedMissingOrShortBuffersGiveSilence) {
         ASSERT_EQ(out[std::size_t(f * 3 + 1)], f < 10 ? 0.25f : 0.0f) << f;
         ASSERT_EQ(out[std::size_t(f * 3 + 2)], 0.0f);
     }
+
+    Capture stereo(2);
+    AudioBufferList::Buffer pair[2]{{1, 5000 * 4, full.data()}, {1, 10 * 4, shortOne.data()}};
+    stereo.kernel.process({2, pair});
+    out = stereo.drain();
+    ASSERT_EQ(out.size(), 10000u);
+    EXPECT_EQ(out[2 * 9 + 1], 0.25f);
+    EXPECT_EQ(out[2 * 10 + 1], 0.0f) << "a short right channel must not be read past its end";
+    EXPECT_EQ(out[2 * 4999], 0.5f);
 }
 
 TEST(CaptureKernel, AnalysisTapSeesTheBlockBeforeTheChainProcessesIt) {

@@ -1,5 +1,5 @@
 // The PipeWire platform on a real private sound server: capture sinks, metadata moves, capture and
-// playback streams, discovery and devices. The route engines on top are tested in RouteTests.
+// playback nodes, discovery and devices. The route engines on top are tested in RouteTests.
 
 #include <chrono>
 #include <cmath>

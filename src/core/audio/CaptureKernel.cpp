@@ -14,6 +14,14 @@ void CaptureKernel::ioProc(void* context, const AudioBufferList& input) {
     static_cast<const CaptureKernel*>(context)->process(input);
 }
 
+namespace {
+
+bool hasFrames(const AudioBufferList::Buffer& buffer, std::int64_t frames) {
+    return buffer.data != nullptr && std::int64_t(buffer.byteSize / sizeof(float)) >= frames;
+}
+
+} // namespace
+
 void CaptureKernel::process(const AudioBufferList& input) const {
     DenormalGuard::enableFlushToZero();
     if (input.bufferCount == 0 || input.buffers == nullptr || ringBuffer == nullptr) return;
@@ -47,6 +55,21 @@ void CaptureKernel::process(const AudioBufferList& input) const {
     // One buffer per channel: ring channel c takes buffer min(c, last), so surplus ring channels
     // repeat the last buffer.
     const std::int64_t lastBuffer = std::int64_t(input.bufferCount) - 1;
+    if (channels == 2 && lastBuffer >= 1 && hasFrames(input.buffers[0], frames) && hasFrames(input.buffers[1], frames)) {
+        // The usual case, frame by frame so that the scratch is written in order.
+        const auto* left = static_cast<const float*>(input.buffers[0].data);
+        const auto* right = static_cast<const float*>(input.buffers[1].data);
+        for (std::int64_t done = 0; done < frames;) {
+            const std::int64_t n = std::min(frames - done, chunkMax);
+            for (std::int64_t f = 0; f < n; ++f) {
+                scratch[2 * f] = left[done + f];
+                scratch[2 * f + 1] = right[done + f];
+            }
+            deliver(n);
+            done += n;
+        }
+        return;
+    }
     for (std::int64_t done = 0; done < frames;) {
         const std::int64_t n = std::min(frames - done, chunkMax);
         for (std::int64_t c = 0; c < channels; ++c) {

@@ -299,15 +299,23 @@ struct PipeWirePlatform::Impl {
                     AudioBufferList list{1, &buffer};
                     render->renderProc(render->context, chunk, list);
                 }
-                for (uint32_t c = 0; c < channels; ++c) {
-                    if (!outputs[c]) continue;
-                    float* out = outputs[c] + done;
-                    if (!playing) {
-                        std::memset(out, 0, chunk * sizeof(float));
-                        continue;
+                const float* in = n->scratch.data();
+                if (playing && channels == 2 && outputs[0] && outputs[1]) {
+                    // The usual case, frame by frame so that the scratch is read in order.
+                    float* left = outputs[0] + done;
+                    float* right = outputs[1] + done;
+                    for (uint32_t f = 0; f < chunk; ++f) {
+                        left[f] = in[2 * f];
+                        right[f] = in[2 * f + 1];
                     }
-                    const float* in = n->scratch.data() + c;
-                    for (uint32_t f = 0; f < chunk; ++f) out[f] = in[size_t(f) * channels];
+                } else {
+                    for (uint32_t c = 0; c < channels; ++c) {
+                        if (!outputs[c]) continue;
+                        float* out = outputs[c] + done;
+                        if (!playing) std::memset(out, 0, chunk * sizeof(float));
+                        else
+                            for (uint32_t f = 0; f < chunk; ++f) out[f] = in[size_t(f) * channels + c];
+                    }
                 }
                 done += chunk;
             }
