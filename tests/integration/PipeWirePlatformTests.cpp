@@ -11,6 +11,7 @@
 #include "core/audio/AudioRingBuffer.hpp"
 #include "platform/pipewire/PipeWireApplication.hpp"
 #include "platform/pipewire/PipeWirePlatform.hpp"
+#include "support/ProcessRunner.hpp"
 #include "support/Signals.hpp"
 #include "support/SoundFiles.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -71,6 +72,51 @@ protected:
         return found;
     }
 
+    struct Route {
+        AudioPlatform::ObjectID tap = 0, aggregate = 0, device = 0;
+        AudioPlatform::IOProcHandle io = 0;
+        AudioPlatform::OutputUnitHandle unit = 0;
+    };
+
+    // Every step the capture and render engines take, in their order, passing the audio through.
+    void startRoute(AudioPlatform::ObjectID process, const std::string& deviceUID, PassThrough& route, Route& r) {
+        AudioPlatform::TapDescription tapDescription;
+        tapDescription.processes = {process};
+        tapDescription.name = "Tarn Tap pw-cat";
+        ASSERT_EQ(platform->createProcessTap(tapDescription, r.tap), 0);
+        std::string tapUID;
+        ASSERT_EQ(platform->tapUID(r.tap, tapUID), 0);
+        AudioStreamFormat format;
+        ASSERT_EQ(platform->tapFormat(r.tap, format), 0);
+        EXPECT_EQ(format, (AudioStreamFormat{48000.0, 2}));
+        AudioPlatform::AggregateDeviceDescription aggregateDescription;
+        aggregateDescription.uid = "com.tarn.aggregate." + tapUID;
+        aggregateDescription.name = "Tarn Capture pw-cat";
+        aggregateDescription.taps = {{tapUID, true}};
+        ASSERT_EQ(platform->createAggregateDevice(aggregateDescription, r.aggregate), 0);
+        ASSERT_EQ(platform->createIOProc(r.aggregate, &PassThrough::capture, &route, r.io), 0);
+        ASSERT_EQ(platform->startDevice(r.aggregate, r.io), 0);
+
+        ASSERT_EQ(platform->deviceForUID(deviceUID, r.device), 0);
+        ASSERT_EQ(platform->createOutputUnit(r.unit), 0);
+        ASSERT_EQ(platform->enableOutputIO(r.unit), 0);
+        ASSERT_EQ(platform->setOutputUnitDevice(r.unit, r.device), 0);
+        ASSERT_EQ(platform->setOutputUnitFormat(r.unit, format), 0);
+        ASSERT_EQ(platform->setRenderCallback(r.unit, &PassThrough::render, &route), 0);
+        ASSERT_EQ(platform->initializeOutputUnit(r.unit), 0);
+        ASSERT_EQ(platform->startOutputUnit(r.unit), 0);
+    }
+
+    void stopRoute(const Route& r) {
+        EXPECT_EQ(platform->stopOutputUnit(r.unit), 0);
+        EXPECT_EQ(platform->stopDevice(r.aggregate, r.io), 0);
+        EXPECT_EQ(platform->uninitializeOutputUnit(r.unit), 0);
+        EXPECT_EQ(platform->disposeOutputUnit(r.unit), 0);
+        EXPECT_EQ(platform->destroyIOProc(r.aggregate, r.io), 0);
+        EXPECT_EQ(platform->destroyAggregateDevice(r.aggregate), 0);
+        EXPECT_EQ(platform->destroyProcessTap(r.tap), 0);
+    }
+
     SoundSession session;
     TemporaryDirectory folder;
     std::unique_ptr<PipeWirePlatform> platform;
@@ -128,42 +174,15 @@ TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndRet
     auto process = startPlayer();
     ASSERT_NE(process, 0u);
     PassThrough route;
-
-    AudioPlatform::TapDescription tapDescription;
-    tapDescription.processes = {process};
-    tapDescription.name = "Tarn Tap pw-cat";
-    AudioPlatform::ObjectID tap = 0, aggregate = 0, headphones = 0;
-    ASSERT_EQ(platform->createProcessTap(tapDescription, tap), 0);
-    std::string tapUID;
-    ASSERT_EQ(platform->tapUID(tap, tapUID), 0);
-    AudioStreamFormat format;
-    ASSERT_EQ(platform->tapFormat(tap, format), 0);
-    EXPECT_EQ(format, (AudioStreamFormat{48000.0, 2}));
-    AudioPlatform::AggregateDeviceDescription aggregateDescription;
-    aggregateDescription.uid = "com.tarn.aggregate." + tapUID;
-    aggregateDescription.name = "Tarn Capture pw-cat";
-    aggregateDescription.taps = {{tapUID, true}};
-    ASSERT_EQ(platform->createAggregateDevice(aggregateDescription, aggregate), 0);
-    AudioPlatform::IOProcHandle io = 0;
-    ASSERT_EQ(platform->createIOProc(aggregate, &PassThrough::capture, &route, io), 0);
-    ASSERT_EQ(platform->startDevice(aggregate, io), 0);
-
-    ASSERT_EQ(platform->deviceForUID("test-headphones", headphones), 0);
-    AudioPlatform::OutputUnitHandle unit = 0;
-    ASSERT_EQ(platform->createOutputUnit(unit), 0);
-    ASSERT_EQ(platform->enableOutputIO(unit), 0);
-    ASSERT_EQ(platform->setOutputUnitDevice(unit, headphones), 0);
-    ASSERT_EQ(platform->setOutputUnitFormat(unit, format), 0);
-    ASSERT_EQ(platform->setRenderCallback(unit, &PassThrough::render, &route), 0);
-    ASSERT_EQ(platform->initializeOutputUnit(unit), 0);
-    ASSERT_EQ(platform->startOutputUnit(unit), 0);
+    Route r;
+    ASSERT_NO_FATAL_FAILURE(startRoute(process, "test-headphones", route, r));
 
     // The capture sink is Tarn's own: it is neither an application nor an output device.
     std::vector<AudioPlatform::ObjectID> devices;
     platform->outputDeviceList(devices);
     EXPECT_EQ(devices.size(), 3u);
     uint32_t quantum = 0;
-    EXPECT_TRUE(eventually([&] { return platform->bufferFrameSize(headphones, quantum) == 0; }, 2s));
+    EXPECT_TRUE(eventually([&] { return platform->bufferFrameSize(r.device, quantum) == 0; }, 2s));
     EXPECT_GT(quantum, 0u);
 
     std::this_thread::sleep_for(300ms);
@@ -173,15 +192,9 @@ TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndRet
     EXPECT_NEAR(toDb(level(onHeadphones, 1)), toDb(0.25), 0.5);
     EXPECT_LT(level(onSpeakers, 0), 0.001) << "the unprocessed tone reached the speakers";
 
-    ASSERT_EQ(platform->stopOutputUnit(unit), 0);
-    ASSERT_EQ(platform->stopDevice(aggregate, io), 0);
-    EXPECT_EQ(platform->uninitializeOutputUnit(unit), 0);
-    EXPECT_EQ(platform->disposeOutputUnit(unit), 0);
-    EXPECT_EQ(platform->destroyIOProc(aggregate, io), 0);
-    EXPECT_EQ(platform->destroyAggregateDevice(aggregate), 0);
-    EXPECT_EQ(platform->destroyProcessTap(tap), 0);
+    stopRoute(r);
     // Destroying twice is harmless.
-    EXPECT_LT(platform->destroyAggregateDevice(aggregate), 0);
+    EXPECT_LT(platform->destroyAggregateDevice(r.aggregate), 0);
 
     EXPECT_TRUE(eventually(
         [&] {
@@ -193,6 +206,25 @@ TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndRet
     std::this_thread::sleep_for(300ms);
     auto back = recordSink("test-speakers", 2, 1.0);
     EXPECT_NEAR(toDb(level(back, 0)), toDb(0.25), 0.5) << "the application did not return to the speakers";
+}
+
+TEST_F(PipeWirePlatformTest, GraphRateChangeEndsTheRouteWithAClearError) {
+    auto process = startPlayer();
+    ASSERT_NE(process, 0u);
+    PassThrough route;
+    Route r;
+    ASSERT_NO_FATAL_FAILURE(startRoute(process, "test-speakers", route, r));
+    uint32_t quantum = 0;
+    ASSERT_TRUE(eventually([&] { return platform->bufferFrameSize(r.device, quantum) == 0; }, 2s));
+    EXPECT_EQ(platform->outputUnitFailure(r.unit), std::nullopt);
+
+    // The route's chain was designed for 48 kHz; the graph must not carry on under it at another rate.
+    ASSERT_EQ(runProcess({"pw-metadata", "-n", "settings", "0", "clock.force-rate", "44100"}).exitCode, 0);
+    std::optional<std::string> failure;
+    EXPECT_TRUE(eventually([&] { return (failure = platform->outputUnitFailure(r.unit)).has_value(); }, 3s));
+    EXPECT_EQ(failure.value_or(""), "the sound server switched the graph from 48000 Hz to 44100 Hz");
+    EXPECT_EQ(platform->ioProcFailure(r.io), failure);
+    stopRoute(r);
 }
 
 TEST_F(PipeWirePlatformTest, PermissionProbeIsGrantedOnAnOrdinarySession) {

@@ -138,6 +138,7 @@ struct PipeWirePlatform::Impl {
         std::atomic<Part*> capture{nullptr};
         std::atomic<Part*> render{nullptr};
         std::atomic<uint32_t> quantum{0};
+        std::atomic<uint32_t> graphRate{0};
         // real-time thread only
         uint64_t expectedPosition = 0;
         uint64_t cycles = 0;
@@ -271,6 +272,7 @@ struct PipeWirePlatform::Impl {
         if (!position) return;
         const auto frames = static_cast<uint32_t>(position->clock.duration);
         n->quantum.store(frames, std::memory_order_relaxed);
+        n->graphRate.store(position->clock.rate.denom, std::memory_order_relaxed);
         Part* capture = n->capture.load(std::memory_order_acquire);
         Part* render = n->render.load(std::memory_order_acquire);
         countCycle(n, render, position);
@@ -570,8 +572,12 @@ struct PipeWirePlatform::Impl {
 
     std::optional<std::string> failureOf(const Part& p) const {
         if (!p.failure.empty()) return p.failure;
-        if (p.node)
-            if (auto text = sideFailure(*p.node, p.isCapture); !text.empty()) return text;
+        if (!p.node) return std::nullopt;
+        if (auto text = sideFailure(*p.node, p.isCapture); !text.empty()) return text;
+        // The node has no resampler: its chain was designed for one rate and the graph left it.
+        uint32_t rate = p.node->graphRate.load(std::memory_order_relaxed);
+        if (rate != 0 && rate != uint32_t(p.sampleRate))
+            return fmt::format("the sound server switched the graph from {} Hz to {} Hz", uint32_t(p.sampleRate), rate);
         return std::nullopt;
     }
 
