@@ -46,6 +46,13 @@ struct PassThrough {
     }
 };
 
+double level(const SoundData& data, int channel) {
+    // Skip the recorder's own start.
+    size_t first = std::min<size_t>(data.frameCount(), 9600);
+    size_t count = data.frameCount() - first;
+    return count < 4800 ? -1.0 : toneAmplitude(data, channel, 1000.0, first, count);
+}
+
 class PipeWirePlatformTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -54,9 +61,10 @@ protected:
         platform = std::make_unique<PipeWirePlatform>();
     }
 
-    // Starts pw-play and returns its process object once the platform lists it.
-    AudioPlatform::ObjectID startPlayer() {
-        player = std::make_unique<BackgroundProcess>(std::vector<std::string>{"pw-play", (folder / "tone.wav").string()});
+    // Starts a player of the tone (pw-play: a native client; paplay: a PulseAudio one, as most desktop
+    // applications are) and returns its process object once the platform lists it.
+    AudioPlatform::ObjectID startPlayer(const std::string& program = "pw-play") {
+        player = std::make_unique<BackgroundProcess>(std::vector<std::string>{program, (folder / "tone.wav").string()});
         AudioPlatform::ObjectID found = 0;
         eventually(
             [&] {
@@ -117,18 +125,50 @@ protected:
         EXPECT_EQ(platform->destroyProcessTap(r.tap), 0);
     }
 
+    void checkHeardOnlyThroughItsRouteAndReturnsAfterwards(const std::string& program) {
+        auto process = startPlayer(program);
+        ASSERT_NE(process, 0u);
+        PassThrough route;
+        Route r;
+        ASSERT_NO_FATAL_FAILURE(startRoute(process, "test-headphones", route, r));
+
+        // The capture sink is Tarn's own: it is neither an application nor an output device.
+        std::vector<AudioPlatform::ObjectID> devices;
+        platform->outputDeviceList(devices);
+        EXPECT_EQ(devices.size(), 3u);
+        uint32_t quantum = 0;
+        EXPECT_TRUE(eventually([&] { return platform->bufferFrameSize(r.device, quantum) == 0; }, 2s));
+        EXPECT_GT(quantum, 0u);
+
+        std::this_thread::sleep_for(300ms);
+        auto onHeadphones = recordSink("test-headphones", 2, 1.0);
+        auto onSpeakers = recordSink("test-speakers", 2, 1.0);
+        EXPECT_NEAR(toDb(level(onHeadphones, 0)), toDb(0.25), 0.5);
+        EXPECT_NEAR(toDb(level(onHeadphones, 1)), toDb(0.25), 0.5);
+        EXPECT_LT(level(onSpeakers, 0), 0.001) << "the unprocessed tone reached the speakers";
+
+        stopRoute(r);
+        // Destroying twice is harmless.
+        EXPECT_LT(platform->destroyAggregateDevice(r.aggregate), 0);
+
+        EXPECT_TRUE(eventually(
+            [&] {
+                PipeWireConnection::Lock lock(platform->connection());
+                return !platform->connection().defaultMetadataValueLocked(process, "target.object").has_value();
+            },
+            2s))
+            << "the target.object entry outlived the route";
+        std::this_thread::sleep_for(300ms);
+        auto back = recordSink("test-speakers", 2, 1.0);
+        EXPECT_NEAR(toDb(level(back, 0)), toDb(0.25), 0.5) << "the application did not return to the speakers";
+    }
+
     SoundSession session;
     TemporaryDirectory folder;
     std::unique_ptr<PipeWirePlatform> platform;
     std::unique_ptr<BackgroundProcess> player;
 };
 
-double level(const SoundData& data, int channel) {
-    // Skip the recorder's own start.
-    size_t first = std::min<size_t>(data.frameCount(), 9600);
-    size_t count = data.frameCount() - first;
-    return count < 4800 ? -1.0 : toneAmplitude(data, channel, 1000.0, first, count);
-}
 
 TEST_F(PipeWirePlatformTest, ListsThePlayerAndTheThreeTestSinks) {
     auto process = startPlayer();
@@ -171,41 +211,11 @@ TEST_F(PipeWirePlatformTest, ListsThePlayerAndTheThreeTestSinks) {
 }
 
 TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndReturnsAfterwards) {
-    auto process = startPlayer();
-    ASSERT_NE(process, 0u);
-    PassThrough route;
-    Route r;
-    ASSERT_NO_FATAL_FAILURE(startRoute(process, "test-headphones", route, r));
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards("pw-play");
+}
 
-    // The capture sink is Tarn's own: it is neither an application nor an output device.
-    std::vector<AudioPlatform::ObjectID> devices;
-    platform->outputDeviceList(devices);
-    EXPECT_EQ(devices.size(), 3u);
-    uint32_t quantum = 0;
-    EXPECT_TRUE(eventually([&] { return platform->bufferFrameSize(r.device, quantum) == 0; }, 2s));
-    EXPECT_GT(quantum, 0u);
-
-    std::this_thread::sleep_for(300ms);
-    auto onHeadphones = recordSink("test-headphones", 2, 1.0);
-    auto onSpeakers = recordSink("test-speakers", 2, 1.0);
-    EXPECT_NEAR(toDb(level(onHeadphones, 0)), toDb(0.25), 0.5);
-    EXPECT_NEAR(toDb(level(onHeadphones, 1)), toDb(0.25), 0.5);
-    EXPECT_LT(level(onSpeakers, 0), 0.001) << "the unprocessed tone reached the speakers";
-
-    stopRoute(r);
-    // Destroying twice is harmless.
-    EXPECT_LT(platform->destroyAggregateDevice(r.aggregate), 0);
-
-    EXPECT_TRUE(eventually(
-        [&] {
-            PipeWireConnection::Lock lock(platform->connection());
-            return !platform->connection().defaultMetadataValueLocked(process, "target.object").has_value();
-        },
-        2s))
-        << "the target.object entry outlived the route";
-    std::this_thread::sleep_for(300ms);
-    auto back = recordSink("test-speakers", 2, 1.0);
-    EXPECT_NEAR(toDb(level(back, 0)), toDb(0.25), 0.5) << "the application did not return to the speakers";
+TEST_F(PipeWirePlatformTest, PulseAudioClientIsRoutedTheSameWay) {
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards("paplay");
 }
 
 TEST_F(PipeWirePlatformTest, GraphRateChangeEndsTheRouteWithAClearError) {
