@@ -1,9 +1,13 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "cli/Applications.hpp"
 #include "cli/Command.hpp"
+#include "core/audio/ControlLoop.hpp"
+#include "core/audio/IOBufferPolicy.hpp"
+#include "core/audio/ProcessDiscoveryService.hpp"
 #include "platform/pipewire/PipeWireApplication.hpp"
-#include "platform/pipewire/PipeWireConnection.hpp"
+#include "platform/pipewire/PipeWirePlatform.hpp"
 
 namespace tarn::cli {
 namespace {
@@ -12,23 +16,38 @@ struct AppsOptions {
     bool json = false;
 };
 
+// Stream node ids are a PipeWire detail the platform interface does not carry; scripts use them
+// to see an application's streams come and go.
+std::vector<uint32_t> streamsOf(PipeWirePlatform& platform, uint32_t objectID) {
+    for (const auto& app : PipeWireApplication::list(platform.connection().graph()))
+        if (app.objectID == objectID) return app.streamNodeIDs;
+    return {};
+}
+
 int runApps(const AppsOptions& options) {
-    std::shared_ptr<PipeWireConnection> connection;
+    std::unique_ptr<PipeWirePlatform> platform;
     try {
-        connection = PipeWireConnection::connect();
+        platform = std::make_unique<PipeWirePlatform>();
     } catch (const PipeWireError& e) {
         throw CommandError(exitFailure, e.what());
     }
-    auto apps = PipeWireApplication::list(connection->graph());
+    // One look at the list: no listeners, so the loop never runs.
+    ControlLoop loop;
+    ProcessDiscoveryService discovery(*platform, loop);
+    discovery.refresh();
+    const auto& apps = discovery.entries();
+
     if (options.json) {
         auto out = nlohmann::json::array();
         for (const auto& app : apps) {
             out.push_back({{"objectID", app.objectID},
                            {"pid", app.pid},
-                           {"identity", app.identity},
-                           {"name", app.name},
+                           {"identity", app.bundleID},
+                           {"name", app.displayName},
                            {"isRunningOutput", app.isRunningOutput},
-                           {"streams", app.streamNodeIDs}});
+                           {"category", Applications::category(app)},
+                           {"bufferFrames", IOBufferPolicy::preferredFrames(app.bundleID, app.displayName)},
+                           {"streams", streamsOf(*platform, app.objectID)}});
         }
         fmt::print("{}\n", out.dump(2));
         return exitOk;
@@ -37,10 +56,11 @@ int runApps(const AppsOptions& options) {
         fmt::print("No application is playing audio.\n");
         return exitOk;
     }
-    fmt::print("{:>7}  {:>8}  {:<8}  {:<28}  {}\n", "OBJECT", "PID", "STATE", "IDENTITY", "NAME");
+    fmt::print("{:>7}  {:>8}  {:<8}  {:<13}  {:<28}  {}\n", "OBJECT", "PID", "STATE", "CATEGORY", "IDENTITY", "NAME");
     for (const auto& app : apps)
-        fmt::print("{:>7}  {:>8}  {:<8}  {:<28}  {}\n", app.objectID, app.pid,
-                   app.isRunningOutput ? "playing" : "idle", app.identity, app.name);
+        fmt::print("{:>7}  {:>8}  {:<8}  {:<13}  {:<28}  {}\n", app.objectID, app.pid,
+                   app.isRunningOutput ? "playing" : "idle", Applications::category(app), app.bundleID,
+                   app.displayName);
     return exitOk;
 }
 

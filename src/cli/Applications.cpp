@@ -1,0 +1,47 @@
+#include "cli/Applications.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+#include "core/audio/ProcessCategory.hpp"
+
+namespace tarn::cli::Applications {
+
+namespace {
+
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+} // namespace
+
+std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDiscoveryService::Entry>& entries,
+                                                     std::string_view app) {
+    const bool isPid = !app.empty() && app.find_first_not_of("0123456789") == std::string_view::npos;
+    std::vector<ProcessDiscoveryService::Entry> out;
+    for (const auto& entry : entries) {
+        bool named = isPid ? std::to_string(entry.pid) == app
+                           : equalIgnoringCase(entry.bundleID, app) || equalIgnoringCase(entry.displayName, app);
+        if (named) out.push_back(entry);
+    }
+    return out;
+}
+
+std::string category(const ProcessDiscoveryService::Entry& entry) {
+    using namespace ProcessCategory;
+    if (isVideo(entry.bundleID)) return "video";
+    if (auto kind = classifyWebApp(entry.bundleID, entry.displayName)) {
+        switch (*kind) {
+        case WebAppKind::music: return "musicWebApp";
+        case WebAppKind::video: return "videoWebApp";
+        case WebAppKind::unknown: return "webApp";
+        }
+    }
+    if (isBrowser(entry.bundleID)) return "browser";
+    if (isEntertainment(entry.bundleID)) return "entertainment";
+    return "other";
+}
+
+} // namespace tarn::cli::Applications
