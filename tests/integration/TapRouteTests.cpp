@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <complex>
+#include <map>
 #include <csignal>
 #include <numbers>
 #include <sstream>
@@ -274,12 +275,75 @@ TEST_F(TapRouteTest, StreamTheApplicationOpensWhileRoutedFollowsTheRoute) {
     EXPECT_GT(peak(headphones, 0), 0.6);
 }
 
+// The JSON events of one kind that the tap printed so far.
+std::vector<nlohmann::json> events(BackgroundProcess& tap, const std::string& kind) {
+    std::vector<nlohmann::json> out;
+    std::istringstream lines(tap.standardOutput());
+    for (std::string line; std::getline(lines, line);) {
+        auto event = nlohmann::json::parse(line, nullptr, false);
+        if (event.is_object() && event.value("event", "") == kind) out.push_back(event);
+    }
+    return out;
+}
+
+TEST_F(TapRouteTest, RouteWithoutADeviceFollowsTheDefaultOutput) {
+    startPlayer();
+    startTap({"--band", "5=-12", "--no-ceiling"});
+    ASSERT_EQ(started["device"], "test-speakers");
+
+    auto changed = runProcess({"pw-metadata", "-n", "default", "0", "default.configured.audio.sink",
+                               R"({ "name": "test-headphones" })", "Spa:String:JSON"});
+    ASSERT_EQ(changed.exitCode, 0) << changed.standardError;
+    ASSERT_TRUE(eventually([&] { return !events(*tap, "deviceChanged").empty(); }, 5s)) << tap->standardOutput();
+    auto event = events(*tap, "deviceChanged").front();
+    EXPECT_EQ(event["device"], "test-headphones");
+    EXPECT_EQ(event["deviceName"], "Test Headphones");
+    EXPECT_EQ(event["pid"], player->pid());
+    std::this_thread::sleep_for(400ms);
+
+    // Processed (−8 dB from the tone) on the headphones; nothing, processed or not, on the speakers.
+    const double expectedDb = toDb(toneAmplitudeIn) + peakingResponseDb(1000, -12, std::sqrt(2.0), 1000, 48000) + 4.0;
+    auto speakers = recordSink("test-speakers", 2, 1.0);
+    auto headphones = recordSink("test-headphones", 2, 1.0);
+    for (int c = 0; c < 2; ++c) {
+        EXPECT_NEAR(toDb(level(headphones, c)), expectedDb, 0.5) << "channel " << c;
+        EXPECT_LT(level(speakers, c), 0.0005) << "channel " << c;
+    }
+    ASSERT_TRUE(tap->isRunning()) << tap->standardError();
+    tap->signal(SIGINT);
+    auto code = tap->waitFor(5s);
+    ASSERT_TRUE(code.has_value());
+    EXPECT_EQ(*code, 0) << tap->standardError();
+}
+
+TEST_F(TapRouteTest, DefaultOutputThatGoesAwayWithNoOtherEndsTheRouteClearly) {
+    startPlayer();
+    startTap({});
+    auto devices = nlohmann::json::parse(runProcess({TARN_CLI_PATH, "devices", "--json"}).standardOutput);
+    std::map<std::string, std::string> ids;
+    for (auto& d : devices) ids[d["uid"]] = std::to_string(d["nodeID"].get<int>());
+    // The others first, so that the default is the last output to go.
+    for (const char* uid : {"test-surround", "test-headphones", "test-speakers"}) {
+        ASSERT_TRUE(ids.count(uid)) << uid;
+        ASSERT_EQ(runProcess({"pw-cli", "destroy", ids[uid]}).exitCode, 0) << uid;
+    }
+    auto code = tap->waitFor(8s);
+    ASSERT_TRUE(code.has_value()) << "the route outlived every output";
+    EXPECT_EQ(*code, 1);
+    EXPECT_NE(tap->standardError().find("\"Test Speakers\" (test-speakers) went away and there is no default output "
+                                        "device to follow"),
+              std::string::npos)
+        << tap->standardError();
+    EXPECT_TRUE(events(*tap, "deviceChanged").empty()) << tap->standardOutput();
+}
+
 TEST_F(TapRouteTest, UnknownApplicationAndDeviceFailClearly) {
     auto noApp = runProcess({TARN_CLI_PATH, "tap", "no-such-app", "--seconds", "1"});
     EXPECT_EQ(noApp.exitCode, 1);
     EXPECT_NE(noApp.standardError.find("no application playing audio matches \"no-such-app\""), std::string::npos);
     startPlayer();
-    auto noDevice = runProcess({TARN_CLI_PATH, "tap", "pw-play", "--device", "nowhere", "--seconds", "1"});
+    // Names match without regard to case, as `tarn apps` prints them.
+    auto noDevice = runProcess({TARN_CLI_PATH, "tap", "PW-PLAY", "--device", "nowhere", "--seconds", "1"});
     EXPECT_EQ(noDevice.exitCode, 1);
     EXPECT_NE(noDevice.standardError.find("no output device \"nowhere\""), std::string::npos);
 }
