@@ -64,12 +64,6 @@ struct Route {
 class TapSession {
 public:
     TapSession(TapOptions& options, ControlLoop& loop) : options_(options), loop_(loop) {}
-    ~TapSession() {
-        // Engines before the services, services before the platform they listen to.
-        routes_.clear();
-        discovery_.reset();
-        devices_.reset();
-    }
 
     int run();
 
@@ -95,6 +89,8 @@ private:
 
     TapOptions& options_;
     ControlLoop& loop_;
+    // Declared in this order so that the engines go first, then the services, then the platform
+    // they all use.
     std::unique_ptr<PipeWirePlatform> platform_;
     std::unique_ptr<ProcessDiscoveryService> discovery_;
     std::unique_ptr<AudioOutputDeviceService> devices_;
