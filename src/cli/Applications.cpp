@@ -19,8 +19,10 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
 
 std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDiscoveryService::Entry>& entries,
                                                      std::string_view app) {
-    const bool isPid = !app.empty() && app.find_first_not_of("0123456789") == std::string_view::npos;
     std::vector<ProcessDiscoveryService::Entry> out;
+    // An empty argument would otherwise name every application whose identity is unknown.
+    if (app.empty()) return out;
+    const bool isPid = app.find_first_not_of("0123456789") == std::string_view::npos;
     for (const auto& entry : entries) {
         bool named = isPid ? std::to_string(entry.pid) == app
                            : equalIgnoringCase(entry.bundleID, app) || equalIgnoringCase(entry.displayName, app);

@@ -13,7 +13,7 @@ namespace tarn::cli {
 namespace Applications {
 
 // The entries an APP argument names: all digits is a pid; anything else is an identity or a
-// display name, compared without regard to case.
+// display name, compared whole and without regard to case. An empty APP names nothing.
 std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDiscoveryService::Entry>& entries,
                                                      std::string_view app);
 
