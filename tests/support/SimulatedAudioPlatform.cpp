@@ -18,6 +18,12 @@ bool waitFor(const std::atomic<std::uint64_t>& counter, std::uint64_t target) {
     return true;
 }
 
+// The process or device with that id, or null.
+template <typename T> T* withID(std::vector<T>& items, AudioPlatform::ObjectID id) {
+    auto it = std::find_if(items.begin(), items.end(), [&](const T& item) { return item.id == id; });
+    return it == items.end() ? nullptr : &*it;
+}
+
 } // namespace
 
 struct SimulatedAudioPlatform::Runner {
@@ -30,44 +36,6 @@ struct SimulatedAudioPlatform::Runner {
         if (thread.joinable()) thread.join();
     }
 };
-
-std::string_view SimulatedAudioPlatform::name(Step step) {
-    switch (step) {
-    case Step::createProcessTap: return "createProcessTap";
-    case Step::tapUID: return "tapUID";
-    case Step::tapFormat: return "tapFormat";
-    case Step::destroyProcessTap: return "destroyProcessTap";
-    case Step::createAggregateDevice: return "createAggregateDevice";
-    case Step::destroyAggregateDevice: return "destroyAggregateDevice";
-    case Step::createIOProc: return "createIOProc";
-    case Step::createIOProcWithoutHandle: return "createIOProc";
-    case Step::destroyIOProc: return "destroyIOProc";
-    case Step::startDevice: return "startDevice";
-    case Step::stopDevice: return "stopDevice";
-    case Step::outputUnitComponent: return "hasOutputUnitComponent";
-    case Step::createOutputUnit: return "createOutputUnit";
-    case Step::enableOutputIO: return "enableOutputIO";
-    case Step::setOutputUnitDevice: return "setOutputUnitDevice";
-    case Step::setMaximumFramesPerSlice: return "setMaximumFramesPerSlice";
-    case Step::setOutputUnitFormat: return "setOutputUnitFormat";
-    case Step::setRenderCallback: return "setRenderCallback";
-    case Step::initializeOutputUnit: return "initializeOutputUnit";
-    case Step::startOutputUnit: return "startOutputUnit";
-    case Step::bufferFrameSizeRange: return "bufferFrameSizeRange";
-    case Step::setBufferFrameSize: return "setBufferFrameSize";
-    case Step::bufferFrameSize: return "bufferFrameSize";
-    case Step::processObjectList: return "processObjectList";
-    case Step::addProcessListListener: return "addProcessListListener";
-    case Step::addRunningOutputListener: return "addRunningOutputListener";
-    case Step::outputDeviceList: return "outputDeviceList";
-    case Step::defaultOutputDevice: return "defaultOutputDevice";
-    case Step::deviceForUID: return "deviceForUID";
-    case Step::deviceUID: return "deviceUID";
-    case Step::deviceName: return "deviceName";
-    case Step::outputStreamChannelCounts: return "outputStreamChannelCounts";
-    }
-    return "?";
-}
 
 SimulatedAudioPlatform::SimulatedAudioPlatform() = default;
 
@@ -106,18 +74,12 @@ void SimulatedAudioPlatform::removeProcess(ObjectID id) {
 
 void SimulatedAudioPlatform::setRunningOutput(ObjectID id, bool running) {
     std::lock_guard lock(mutex_);
-    for (auto& p : processes_)
-        if (p.id == id) p.isRunningOutput = running;
+    if (auto* p = withID(processes_, id)) p->isRunningOutput = running;
 }
 
 void SimulatedAudioPlatform::addDevice(Device device) {
     std::lock_guard lock(mutex_);
     devices_.push_back(std::move(device));
-}
-
-void SimulatedAudioPlatform::removeDevice(ObjectID id) {
-    std::lock_guard lock(mutex_);
-    std::erase_if(devices_, [&](const Device& d) { return d.id == id; });
 }
 
 void SimulatedAudioPlatform::setDefaultOutputDevice(ObjectID id) {
@@ -168,11 +130,9 @@ void SimulatedAudioPlatform::notify(ListenerKind kind, ObjectID process) {
     std::vector<ChangeListener> callbacks;
     {
         std::lock_guard lock(mutex_);
-        for (const auto& [token, listener] : listeners_) {
-            if (listener.kind == kind && (kind != ListenerKind::runningOutput || listener.process == process)) {
+        for (const auto& [token, listener] : listeners_)
+            if (listener.kind == kind && (kind != ListenerKind::runningOutput || listener.process == process))
                 callbacks.push_back(listener.callback);
-            }
-        }
     }
     std::thread([&] {
         for (auto& callback : callbacks) callback();
@@ -185,41 +145,18 @@ void SimulatedAudioPlatform::notifyDeviceListChanged() { notify(ListenerKind::de
 
 // ---- inspection --------------------------------------------------------------------------------
 
-std::vector<std::string> SimulatedAudioPlatform::calls() const {
+template <typename F> auto SimulatedAudioPlatform::locked(F&& read) const {
     std::lock_guard lock(mutex_);
-    return calls_;
+    return read();
 }
 
-void SimulatedAudioPlatform::clearCalls() {
-    std::lock_guard lock(mutex_);
-    calls_.clear();
-}
-
-std::size_t SimulatedAudioPlatform::liveTaps() const {
-    std::lock_guard lock(mutex_);
-    return taps_.size();
-}
-
-std::size_t SimulatedAudioPlatform::liveAggregateDevices() const {
-    std::lock_guard lock(mutex_);
-    return aggregates_.size();
-}
-
-std::size_t SimulatedAudioPlatform::liveIOProcs() const {
-    std::lock_guard lock(mutex_);
-    return ioProcs_.size();
-}
-
-std::size_t SimulatedAudioPlatform::liveOutputUnits() const {
-    std::lock_guard lock(mutex_);
-    return units_.size();
-}
-
-std::size_t SimulatedAudioPlatform::liveListeners() const {
-    std::lock_guard lock(mutex_);
-    return listeners_.size();
-}
-
+std::vector<std::string> SimulatedAudioPlatform::calls() const { return locked([&] { return calls_; }); }
+void SimulatedAudioPlatform::clearCalls() { locked([&] { calls_.clear(); }); }
+std::size_t SimulatedAudioPlatform::liveTaps() const { return locked([&] { return taps_.size(); }); }
+std::size_t SimulatedAudioPlatform::liveAggregateDevices() const { return locked([&] { return aggregates_.size(); }); }
+std::size_t SimulatedAudioPlatform::liveIOProcs() const { return locked([&] { return ioProcs_.size(); }); }
+std::size_t SimulatedAudioPlatform::liveOutputUnits() const { return locked([&] { return units_.size(); }); }
+std::size_t SimulatedAudioPlatform::liveListeners() const { return locked([&] { return listeners_.size(); }); }
 std::size_t SimulatedAudioPlatform::runningCallbackThreads() const { return std::size_t(runningThreads_.load()); }
 
 bool SimulatedAudioPlatform::isClean() const {
@@ -228,23 +165,19 @@ bool SimulatedAudioPlatform::isClean() const {
 }
 
 std::optional<AudioPlatform::TapDescription> SimulatedAudioPlatform::lastTapDescription() const {
-    std::lock_guard lock(mutex_);
-    return lastTap_;
+    return locked([&] { return lastTap_; });
 }
-
 std::optional<AudioPlatform::AggregateDeviceDescription> SimulatedAudioPlatform::lastAggregateDescription() const {
-    std::lock_guard lock(mutex_);
-    return lastAggregate_;
+    return locked([&] { return lastAggregate_; });
 }
-
 std::optional<AudioStreamFormat> SimulatedAudioPlatform::lastOutputUnitFormat() const {
-    std::lock_guard lock(mutex_);
-    return lastUnitFormat_;
+    return locked([&] { return lastUnitFormat_; });
 }
-
 std::optional<AudioPlatform::ObjectID> SimulatedAudioPlatform::lastOutputUnitDevice() const {
-    std::lock_guard lock(mutex_);
-    return lastUnitDevice_;
+    return locked([&] { return lastUnitDevice_; });
+}
+std::vector<std::pair<AudioPlatform::ObjectID, std::uint32_t>> SimulatedAudioPlatform::bufferRequests() const {
+    return locked([&] { return bufferRequests_; });
 }
 
 std::uint32_t SimulatedAudioPlatform::bufferFramesOf(ObjectID deviceID) const {
@@ -252,11 +185,6 @@ std::uint32_t SimulatedAudioPlatform::bufferFramesOf(ObjectID deviceID) const {
     for (const auto& d : devices_)
         if (d.id == deviceID) return d.bufferFrames;
     return 0;
-}
-
-std::vector<std::pair<AudioPlatform::ObjectID, std::uint32_t>> SimulatedAudioPlatform::bufferRequests() const {
-    std::lock_guard lock(mutex_);
-    return bufferRequests_;
 }
 
 bool SimulatedAudioPlatform::waitForCaptureCycles(std::uint64_t cycles) const { return waitFor(captureCycles_, cycles); }
@@ -267,8 +195,8 @@ std::vector<float> SimulatedAudioPlatform::renderedSamples() const {
     return rendered_;
 }
 
-AudioPlatform::Status SimulatedAudioPlatform::enter(Step step, std::string call) {
-    calls_.push_back(std::move(call));
+AudioPlatform::Status SimulatedAudioPlatform::enter(Step step, const char* call) {
+    calls_.emplace_back(call);
     auto it = failures_.find(step);
     return it == failures_.end() ? noError : it->second;
 }
@@ -279,11 +207,8 @@ AudioPlatform::Status SimulatedAudioPlatform::createProcessTap(const TapDescript
     std::lock_guard lock(mutex_);
     lastTap_ = description;
     if (auto s = enter(Step::createProcessTap, "createProcessTap")) return s;
-    for (auto process : description.processes) {
-        if (std::none_of(processes_.begin(), processes_.end(), [&](const Process& p) { return p.id == process; })) {
-            return notFound;
-        }
-    }
+    for (auto process : description.processes)
+        if (!withID(processes_, process)) return notFound;
     std::uint32_t channels = 2;
     if (!description.isStereoMixdown) {
         auto device = std::find_if(devices_.begin(), devices_.end(),
@@ -325,11 +250,9 @@ AudioPlatform::Status SimulatedAudioPlatform::createAggregateDevice(const Aggreg
     std::lock_guard lock(mutex_);
     lastAggregate_ = description;
     if (auto s = enter(Step::createAggregateDevice, "createAggregateDevice")) return s;
-    for (const auto& tap : description.taps) {
-        if (std::none_of(taps_.begin(), taps_.end(), [&](const auto& t) { return t.second.uid == tap.uid; })) {
+    for (const auto& tap : description.taps)
+        if (std::none_of(taps_.begin(), taps_.end(), [&](const auto& t) { return t.second.uid == tap.uid; }))
             return notFound;
-        }
-    }
     deviceID = nextObjectID_++;
     aggregates_[deviceID] = description;
     return noError;
@@ -351,21 +274,19 @@ AudioPlatform::Status SimulatedAudioPlatform::createIOProc(ObjectID deviceID, IO
         return noError;
     }
     handle = nextHandle_++;
-    ioProcs_[handle] = IOProcRecord{deviceID, proc, context, nullptr};
+    ioProcs_[handle] = IOProcRecord{deviceID, proc, context, nullptr, std::nullopt};
     return noError;
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::destroyIOProc(ObjectID deviceID, IOProcHandle handle) {
-    std::unique_ptr<Runner> runner;
-    {
-        std::lock_guard lock(mutex_);
-        if (auto s = enter(Step::destroyIOProc, "destroyIOProc")) return s;
-        auto it = ioProcs_.find(handle);
-        if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
-        runner = std::move(it->second.runner);
-        ioProcs_.erase(it);
-    }
-    return noError; // a runner still going is joined here, outside the lock
+    std::unique_ptr<Runner> runner; // a runner still going is joined when this goes, outside the lock
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::destroyIOProc, "destroyIOProc")) return s;
+    auto it = ioProcs_.find(handle);
+    if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
+    runner = std::move(it->second.runner);
+    ioProcs_.erase(it);
+    return noError;
 }
 
 void SimulatedAudioPlatform::startCaptureRunner(IOProcRecord& record, const AudioStreamFormat& format) {
@@ -377,17 +298,10 @@ void SimulatedAudioPlatform::startCaptureRunner(IOProcRecord& record, const Audi
                                          stop = &record.runner->stop] {
         const std::uint32_t frames = source.framesPerCycle;
         const std::uint32_t bufferCount = source.interleaved ? 1 : (source.bufferCount ? source.bufferCount : channels);
-        const std::uint32_t perBufferChannels =
-            source.interleaved ? (source.interleavedChannelCount ? source.interleavedChannelCount : channels) : 1;
+        const std::uint32_t perBufferChannels = source.interleaved ? channels : 1;
         std::vector<std::vector<float>> storage(bufferCount, std::vector<float>(std::size_t(frames) * perBufferChannels));
         std::vector<AudioBufferList::Buffer> buffers(bufferCount);
-        std::uint64_t frame = 0;
-        std::uint64_t cycles = 0;
-        while (!stop->load()) {
-            if (source.maxCycles && cycles >= source.maxCycles) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                continue;
-            }
+        for (std::uint64_t frame = 0; !stop->load(); frame += frames) {
             for (std::uint32_t b = 0; b < bufferCount; ++b) {
                 for (std::uint32_t f = 0; f < frames; ++f)
                     for (std::uint32_t c = 0; c < perBufferChannels; ++c)
@@ -398,8 +312,6 @@ void SimulatedAudioPlatform::startCaptureRunner(IOProcRecord& record, const Audi
             insideCallback = true;
             proc(context, list);
             insideCallback = false;
-            frame += frames;
-            ++cycles;
             captureCycles_.fetch_add(1);
             std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
@@ -423,15 +335,12 @@ AudioPlatform::Status SimulatedAudioPlatform::startDevice(ObjectID deviceID, IOP
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::stopDevice(ObjectID deviceID, IOProcHandle handle) {
-    std::unique_ptr<Runner> runner;
-    {
-        std::lock_guard lock(mutex_);
-        if (auto s = enter(Step::stopDevice, "stopDevice")) return s;
-        auto it = ioProcs_.find(handle);
-        if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
-        runner = std::move(it->second.runner);
-    }
-    if (runner) runner->halt(); // the callback has returned once this does
+    std::unique_ptr<Runner> runner; // halted when this goes, outside the lock: the callback has returned then
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(Step::stopDevice, "stopDevice")) return s;
+    auto it = ioProcs_.find(handle);
+    if (it == ioProcs_.end() || it->second.device != deviceID) return notFound;
+    runner = std::move(it->second.runner);
     return noError;
 }
 
@@ -450,65 +359,55 @@ AudioPlatform::Status SimulatedAudioPlatform::createOutputUnit(OutputUnitHandle&
     return noError;
 }
 
-#define TARN_FIND_UNIT(unit)                                                                                          \
-    auto found = units_.find(unit);                                                                                   \
-    if (found == units_.end()) return notFound;                                                                       \
-    OutputUnit& u = found->second
+// Records the call, returns an injected failure, then runs `change` on the unit if it exists.
+template <typename F>
+AudioPlatform::Status SimulatedAudioPlatform::onUnit(Step step, const char* call, OutputUnitHandle unit, F&& change) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(step, call)) return s;
+    auto found = units_.find(unit);
+    return found == units_.end() ? notFound : change(found->second);
+}
 
 AudioPlatform::Status SimulatedAudioPlatform::enableOutputIO(OutputUnitHandle unit) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::enableOutputIO, "enableOutputIO")) return s;
-    TARN_FIND_UNIT(unit);
-    (void)u;
-    return noError;
+    return onUnit(Step::enableOutputIO, "enableOutputIO", unit, [](OutputUnit&) { return noError; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::setOutputUnitDevice(OutputUnitHandle unit, ObjectID deviceID) {
-    std::lock_guard lock(mutex_);
-    lastUnitDevice_ = deviceID;
-    if (auto s = enter(Step::setOutputUnitDevice, "setOutputUnitDevice")) return s;
-    TARN_FIND_UNIT(unit);
-    if (std::none_of(devices_.begin(), devices_.end(), [&](const Device& d) { return d.id == deviceID; })) {
-        return notFound;
-    }
-    u.device = deviceID;
-    return noError;
+    locked([&] { lastUnitDevice_ = deviceID; });
+    return onUnit(Step::setOutputUnitDevice, "setOutputUnitDevice", unit, [&](OutputUnit& u) {
+        if (!withID(devices_, deviceID)) return notFound;
+        u.device = deviceID;
+        return noError;
+    });
 }
 
-AudioPlatform::Status SimulatedAudioPlatform::setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t frames) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::setMaximumFramesPerSlice, "setMaximumFramesPerSlice")) return s;
-    TARN_FIND_UNIT(unit);
-    (void)u;
-    return noError;
+AudioPlatform::Status SimulatedAudioPlatform::setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t) {
+    return onUnit(Step::setMaximumFramesPerSlice, "setMaximumFramesPerSlice", unit, [](OutputUnit&) { return noError; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) {
-    std::lock_guard lock(mutex_);
-    lastUnitFormat_ = format;
-    if (auto s = enter(Step::setOutputUnitFormat, "setOutputUnitFormat")) return s;
-    TARN_FIND_UNIT(unit);
-    if (format.channelCount == 0 || !(format.sampleRate > 0)) return invalid;
-    u.format = format;
-    return noError;
+    locked([&] { lastUnitFormat_ = format; });
+    return onUnit(Step::setOutputUnitFormat, "setOutputUnitFormat", unit, [&](OutputUnit& u) {
+        if (format.channelCount == 0 || !(format.sampleRate > 0)) return invalid;
+        u.format = format;
+        return noError;
+    });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::setRenderCallback, "setRenderCallback")) return s;
-    TARN_FIND_UNIT(unit);
-    u.proc = proc;
-    u.context = context;
-    return noError;
+    return onUnit(Step::setRenderCallback, "setRenderCallback", unit, [&](OutputUnit& u) {
+        u.proc = proc;
+        u.context = context;
+        return noError;
+    });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::initializeOutputUnit(OutputUnitHandle unit) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::initializeOutputUnit, "initializeOutputUnit")) return s;
-    TARN_FIND_UNIT(unit);
-    if (!u.device || !u.format || !u.proc) return invalid;
-    u.initialized = true;
-    return noError;
+    return onUnit(Step::initializeOutputUnit, "initializeOutputUnit", unit, [](OutputUnit& u) {
+        if (!u.device || !u.format || !u.proc) return invalid;
+        u.initialized = true;
+        return noError;
+    });
 }
 
 void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
@@ -545,47 +444,37 @@ void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::startOutputUnit(OutputUnitHandle unit) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::startOutputUnit, "startOutputUnit")) return s;
-    TARN_FIND_UNIT(unit);
-    if (!u.initialized) return invalid;
-    if (!u.runner) startRenderRunner(u);
-    return noError;
+    return onUnit(Step::startOutputUnit, "startOutputUnit", unit, [&](OutputUnit& u) {
+        if (!u.initialized) return invalid;
+        if (!u.runner) startRenderRunner(u);
+        return noError;
+    });
 }
 
+// The teardown steps never fail on request: the engines' undo paths ignore their status.
 AudioPlatform::Status SimulatedAudioPlatform::stopOutputUnit(OutputUnitHandle unit) {
-    std::unique_ptr<Runner> runner;
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back("stopOutputUnit");
-        TARN_FIND_UNIT(unit);
+    std::unique_ptr<Runner> runner; // halted when this goes, outside the lock
+    return onUnit(Step::none, "stopOutputUnit", unit, [&](OutputUnit& u) {
         runner = std::move(u.runner);
-    }
-    if (runner) runner->halt();
-    return noError;
+        return noError;
+    });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::uninitializeOutputUnit(OutputUnitHandle unit) {
-    std::lock_guard lock(mutex_);
-    calls_.push_back("uninitializeOutputUnit");
-    TARN_FIND_UNIT(unit);
-    u.initialized = false;
-    return noError;
+    return onUnit(Step::none, "uninitializeOutputUnit", unit, [](OutputUnit& u) {
+        u.initialized = false;
+        return noError;
+    });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::disposeOutputUnit(OutputUnitHandle unit) {
     std::unique_ptr<Runner> runner;
-    {
-        std::lock_guard lock(mutex_);
-        calls_.push_back("disposeOutputUnit");
-        TARN_FIND_UNIT(unit);
+    return onUnit(Step::none, "disposeOutputUnit", unit, [&](OutputUnit& u) {
         runner = std::move(u.runner);
-        units_.erase(found);
-    }
-    return noError;
+        units_.erase(unit);
+        return noError;
+    });
 }
-
-#undef TARN_FIND_UNIT
 
 // ---- buffer sizes ------------------------------------------------------------------------------
 
@@ -597,14 +486,11 @@ AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSizeRange(ObjectID devi
         maximum = 8192;
         return noError;
     }
-    for (const auto& d : devices_) {
-        if (d.id == deviceID) {
-            minimum = d.minimumBufferFrames;
-            maximum = d.maximumBufferFrames;
-            return noError;
-        }
-    }
-    return notFound;
+    auto* d = withID(devices_, deviceID);
+    if (!d) return notFound;
+    minimum = d->minimumBufferFrames;
+    maximum = d->maximumBufferFrames;
+    return noError;
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::setBufferFrameSize(ObjectID deviceID, std::uint32_t frames) {
@@ -612,13 +498,10 @@ AudioPlatform::Status SimulatedAudioPlatform::setBufferFrameSize(ObjectID device
     if (auto s = enter(Step::setBufferFrameSize, "setBufferFrameSize")) return s;
     bufferRequests_.emplace_back(deviceID, frames);
     if (aggregates_.contains(deviceID)) return noError;
-    for (auto& d : devices_) {
-        if (d.id == deviceID) {
-            d.bufferFrames = forcedGrant_.value_or(frames);
-            return noError;
-        }
-    }
-    return notFound;
+    auto* d = withID(devices_, deviceID);
+    if (!d) return notFound;
+    d->bufferFrames = forcedGrant_.value_or(frames);
+    return noError;
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSize(ObjectID deviceID, std::uint32_t& frames) {
@@ -628,16 +511,23 @@ AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSize(ObjectID deviceID,
         frames = forcedGrant_.value_or(bufferRequests_.empty() ? 512 : bufferRequests_.back().second);
         return noError;
     }
-    for (const auto& d : devices_) {
-        if (d.id == deviceID) {
-            frames = d.bufferFrames;
-            return noError;
-        }
-    }
-    return notFound;
+    auto* d = withID(devices_, deviceID);
+    if (!d) return notFound;
+    frames = d->bufferFrames;
+    return noError;
 }
 
 // ---- listeners ---------------------------------------------------------------------------------
+
+AudioPlatform::Status SimulatedAudioPlatform::addListener(Step step, const char* call, Listener listener,
+                                                          ListenerToken& token) {
+    std::lock_guard lock(mutex_);
+    if (auto s = enter(step, call)) return s;
+    if (listener.kind == ListenerKind::runningOutput && !withID(processes_, listener.process)) return notFound;
+    token = nextHandle_++;
+    listeners_[token] = std::move(listener);
+    return noError;
+}
 
 AudioPlatform::Status SimulatedAudioPlatform::removeListener(ListenerToken token) {
     std::lock_guard lock(mutex_);
@@ -646,31 +536,18 @@ AudioPlatform::Status SimulatedAudioPlatform::removeListener(ListenerToken token
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::addProcessListListener(ChangeListener listener, ListenerToken& token) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::addProcessListListener, "addProcessListListener")) return s;
-    token = nextHandle_++;
-    listeners_[token] = Listener{ListenerKind::processList, 0, std::move(listener)};
-    return noError;
+    return addListener(Step::addProcessListListener, "addProcessListListener",
+                       {ListenerKind::processList, 0, std::move(listener)}, token);
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::addRunningOutputListener(ObjectID process, ChangeListener listener,
                                                                        ListenerToken& token) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::addRunningOutputListener, "addRunningOutputListener")) return s;
-    if (std::none_of(processes_.begin(), processes_.end(), [&](const Process& p) { return p.id == process; })) {
-        return notFound;
-    }
-    token = nextHandle_++;
-    listeners_[token] = Listener{ListenerKind::runningOutput, process, std::move(listener)};
-    return noError;
+    return addListener(Step::addRunningOutputListener, "addRunningOutputListener",
+                       {ListenerKind::runningOutput, process, std::move(listener)}, token);
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::addDeviceListListener(ChangeListener listener, ListenerToken& token) {
-    std::lock_guard lock(mutex_);
-    calls_.push_back("addDeviceListListener");
-    token = nextHandle_++;
-    listeners_[token] = Listener{ListenerKind::deviceList, 0, std::move(listener)};
-    return noError;
+    return addListener(Step::none, "addDeviceListListener", {ListenerKind::deviceList, 0, std::move(listener)}, token);
 }
 
 // ---- processes ---------------------------------------------------------------------------------
@@ -683,37 +560,28 @@ AudioPlatform::Status SimulatedAudioPlatform::processObjectList(std::vector<Obje
     return noError;
 }
 
-AudioPlatform::Status SimulatedAudioPlatform::processPID(ObjectID process, std::int32_t& pid) {
+// A process property: its own injected status if any, else the value read.
+template <typename T, typename Read>
+AudioPlatform::Status SimulatedAudioPlatform::processProperty(ObjectID process, T& out, Status Process::*status,
+                                                              Read read) {
     std::lock_guard lock(mutex_);
-    for (const auto& p : processes_) {
-        if (p.id != process) continue;
-        if (p.pidStatus) return p.pidStatus;
-        pid = p.pid;
-        return noError;
-    }
-    return notFound;
+    const auto* p = withID(processes_, process);
+    if (!p) return notFound;
+    if (p->*status) return p->*status;
+    out = read(*p);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::processPID(ObjectID process, std::int32_t& pid) {
+    return processProperty(process, pid, &Process::pidStatus, [](const Process& p) { return p.pid; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::processBundleID(ObjectID process, std::string& bundleID) {
-    std::lock_guard lock(mutex_);
-    for (const auto& p : processes_) {
-        if (p.id != process) continue;
-        if (p.bundleIDStatus) return p.bundleIDStatus;
-        bundleID = p.bundleID;
-        return noError;
-    }
-    return notFound;
+    return processProperty(process, bundleID, &Process::bundleIDStatus, [](const Process& p) { return p.bundleID; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::processIsRunningOutput(ObjectID process, bool& isRunning) {
-    std::lock_guard lock(mutex_);
-    for (const auto& p : processes_) {
-        if (p.id != process) continue;
-        if (p.runningStatus) return p.runningStatus;
-        isRunning = p.isRunningOutput;
-        return noError;
-    }
-    return notFound;
+    return processProperty(process, isRunning, &Process::runningStatus, [](const Process& p) { return p.isRunningOutput; });
 }
 
 std::optional<AudioPlatform::RunningApplication> SimulatedAudioPlatform::runningApplication(std::int32_t pid) {
@@ -753,41 +621,30 @@ AudioPlatform::Status SimulatedAudioPlatform::deviceForUID(const std::string& ui
     return notFound;
 }
 
-AudioPlatform::Status SimulatedAudioPlatform::deviceUID(ObjectID deviceID, std::string& uid) {
+// A device property, after the step's injected failure if any.
+template <typename T, typename Read>
+AudioPlatform::Status SimulatedAudioPlatform::deviceProperty(Step step, const char* call, ObjectID deviceID, T& out,
+                                                             Read read) {
     std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::deviceUID, "deviceUID")) return s;
-    for (const auto& d : devices_) {
-        if (d.id != deviceID) continue;
-        if (d.uidStatus) return d.uidStatus;
-        uid = d.uid;
-        return noError;
-    }
-    return notFound;
+    if (auto s = enter(step, call)) return s;
+    const auto* d = withID(devices_, deviceID);
+    if (!d) return notFound;
+    out = read(*d);
+    return noError;
+}
+
+AudioPlatform::Status SimulatedAudioPlatform::deviceUID(ObjectID deviceID, std::string& uid) {
+    return deviceProperty(Step::deviceUID, "deviceUID", deviceID, uid, [](const Device& d) { return d.uid; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::deviceName(ObjectID deviceID, std::string& name) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::deviceName, "deviceName")) return s;
-    for (const auto& d : devices_) {
-        if (d.id == deviceID) {
-            name = d.name;
-            return noError;
-        }
-    }
-    return notFound;
+    return deviceProperty(Step::deviceName, "deviceName", deviceID, name, [](const Device& d) { return d.name; });
 }
 
 AudioPlatform::Status SimulatedAudioPlatform::outputStreamChannelCounts(ObjectID deviceID,
                                                                         std::vector<std::uint32_t>& channelCounts) {
-    std::lock_guard lock(mutex_);
-    if (auto s = enter(Step::outputStreamChannelCounts, "outputStreamChannelCounts")) return s;
-    for (const auto& d : devices_) {
-        if (d.id == deviceID) {
-            channelCounts = d.streamChannelCounts;
-            return noError;
-        }
-    }
-    return notFound;
+    return deviceProperty(Step::outputStreamChannelCounts, "outputStreamChannelCounts", deviceID, channelCounts,
+                          [](const Device& d) { return d.streamChannelCounts; });
 }
 
 } // namespace tarn::test

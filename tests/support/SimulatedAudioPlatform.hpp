@@ -35,8 +35,8 @@ public:
         bufferFrameSizeRange, setBufferFrameSize, bufferFrameSize,
         processObjectList, addProcessListListener, addRunningOutputListener,
         outputDeviceList, defaultOutputDevice, deviceForUID, deviceUID, deviceName, outputStreamChannelCounts,
+        none, // steps that cannot be made to fail
     };
-    static std::string_view name(Step step);
 
     struct Process {
         ObjectID id = 0;
@@ -57,7 +57,6 @@ public:
         double minimumBufferFrames = 16;
         double maximumBufferFrames = 8192;
         std::uint32_t bufferFrames = 1024;
-        Status uidStatus = noError;
     };
 
     // What the capture threads deliver.
@@ -66,14 +65,11 @@ public:
         std::uint32_t framesPerCycle = 512;
         bool interleaved = true;
         // Non-interleaved only: how many one-channel buffers each cycle holds (0: the tap's
-        // channel count). Interleaved only: the channel count the buffer claims (0: the tap's).
+        // channel count).
         std::uint32_t bufferCount = 0;
-        std::uint32_t interleavedChannelCount = 0;
         // Sample value of frame `frame` (counted from the start) of buffer channel `channel`.
         std::function<float(std::uint64_t frame, std::uint32_t channel)> sample =
             [](std::uint64_t frame, std::uint32_t channel) { return float(frame % 1000) * 0.001f + float(channel); };
-        // Cycles to deliver before going quiet (0: until stopped).
-        std::uint64_t maxCycles = 0;
     };
 
     struct RenderSink {
@@ -93,7 +89,6 @@ public:
     void removeProcess(ObjectID id);
     void setRunningOutput(ObjectID id, bool running);
     void addDevice(Device device);
-    void removeDevice(ObjectID id);
     void setDefaultOutputDevice(ObjectID id);
     // The buffer size granted from now on, whatever is asked (none: grant what is asked).
     void forceGrantedBufferFrames(std::optional<std::uint32_t> frames);
@@ -221,7 +216,12 @@ private:
     };
 
     // Records the call and returns the injected failure for `step`, if any. Lock held.
-    Status enter(Step step, std::string call);
+    Status enter(Step step, const char* call);
+    template <typename F> auto locked(F&& read) const;
+    Status addListener(Step step, const char* call, Listener listener, ListenerToken& token);
+    template <typename F> Status onUnit(Step step, const char* call, OutputUnitHandle unit, F&& change);
+    template <typename T, typename Read> Status processProperty(ObjectID process, T& out, Status Process::*status, Read read);
+    template <typename T, typename Read> Status deviceProperty(Step step, const char* call, ObjectID deviceID, T& out, Read read);
     void notify(ListenerKind kind, ObjectID process);
     void startCaptureRunner(IOProcRecord& record, const AudioStreamFormat& format);
     void startRenderRunner(OutputUnit& unit);

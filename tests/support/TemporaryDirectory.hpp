@@ -23,4 +23,9 @@ private:
     std::filesystem::path path_;
 };
 
+// The whole file, byte for byte; empty when it cannot be read.
+std::string readText(const std::filesystem::path& path);
+// Writes the bytes, creating the parent folders; returns the path.
+std::filesystem::path writeText(const std::filesystem::path& path, const std::string& text);
+
 } // namespace tarn::test
