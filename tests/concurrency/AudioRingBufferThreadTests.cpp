@@ -24,13 +24,15 @@ constexpr std::uint32_t totalFrames = 3'000'000;
 struct Producer {
     AudioRingBuffer& ring;
     bool retryRejected; // true: resend what did not fit (lossless); false: drop it (overrun)
+    // Set by a reader that has stopped early, so a lossless producer does not wait for it forever.
+    const std::atomic<bool>* abandoned = nullptr;
 
     void operator()() const {
         std::mt19937 rng(1);
         std::uniform_int_distribution<int> chunk(1, 700);
         std::vector<float> block(700 * channels);
         std::uint32_t next = 0;
-        while (next < totalFrames) {
+        while (next < totalFrames && !(abandoned && abandoned->load())) {
             const auto n = std::min<std::uint32_t>(std::uint32_t(chunk(rng)), totalFrames - next);
             for (std::uint32_t f = 0; f < n; ++f)
                 for (int c = 0; c < channels; ++c) block[f * channels + c] = tag(next + f, std::uint32_t(c));
@@ -38,7 +40,7 @@ struct Producer {
             do {
                 sent += std::uint32_t(ring.write(block.data() + sent * channels, n - sent));
                 if (sent < n) std::this_thread::yield();
-            } while (retryRejected && sent < n);
+            } while (retryRejected && sent < n && !(abandoned && abandoned->load()));
             next += n;
         }
     }
@@ -46,7 +48,8 @@ struct Producer {
 
 TEST(AudioRingBufferThreads, LosslessTransferKeepsOrderAndContent) {
     AudioRingBuffer ring(channels, 4096);
-    std::thread producer(Producer{ring, true});
+    std::atomic<bool> readerStopped{false};
+    std::thread producer(Producer{ring, true, &readerStopped});
 
     std::mt19937 rng(2);
     std::uniform_int_distribution<int> chunk(1, 900);
@@ -67,6 +70,7 @@ TEST(AudioRingBufferThreads, LosslessTransferKeepsOrderAndContent) {
         expected += std::uint32_t(got);
         if (got == 0) std::this_thread::yield();
     }
+    readerStopped.store(true); // a fault found above ends the transfer early
     producer.join();
     EXPECT_EQ(bad, 0u);
     EXPECT_EQ(expected, totalFrames);

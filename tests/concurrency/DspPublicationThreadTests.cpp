@@ -7,9 +7,7 @@
 #include <vector>
 
 #include "core/dsp/BiquadFilter.hpp"
-#include "core/dsp/CorrectionEQ.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
-#include "core/dsp/TenBandEQ.hpp"
 #include "support/Signals.hpp"
 
 namespace tarn {
@@ -91,65 +89,11 @@ TEST(BiquadSeqlock, ReadersNeverSeeATornSetWhileAWriterHammers) {
 }
 
 // Retired banks are freed by age (at least one second after replacement), a rule no race
-// detector can see. The clock is frozen here so nothing is freed while these tests run: they
-// check the publication itself; the ageing is tested deterministically with the EQs.
+// detector can see. The clock is frozen here so nothing is freed while the test runs: it checks
+// the publication itself (every stage's banks, swapped under the audio thread); the ageing is
+// tested deterministically with the EQs.
 UptimeClock frozenClock() {
     return UptimeClock{[] { return 0.0; }};
-}
-
-TEST(BankPublication, TenBandBanksChangeWhileTheAudioThreadRunsThem) {
-    TenBandEQ eq(2, 48000, frozenClock());
-    eq.setGain(3, 5);
-    std::atomic<bool> done{false};
-    std::thread control([&] {
-        for (int i = 0; i < 3000; ++i) {
-            eq.setChannelDelta(double(i % 13) - 6, i % 10, i % 2);
-            eq.setGain(double(i % 25) - 12, (i * 7) % 10);
-            if (i % 100 == 0) eq.setChannelDeltas({});
-            if (i % 250 == 0) eq.applyQVector(std::vector<double>(10, 0.7 + 0.1 * (i % 7)));
-        }
-        done.store(true);
-    });
-    std::vector<float> block(2 * 256);
-    long blocks = 0;
-    bool finite = true;
-    while (!done.load() || blocks < 10) {
-        auto x = test::interleavedSine(440, 48000, 0.05, 256, 2, {}, blocks * 256);
-        const auto snap = eq.processingSnapshot();
-        for (int ch = 0; ch < 2; ++ch) eq.processBlock(x.data(), 256, ch, 2, snap);
-        for (float v : x) finite &= std::isfinite(v) && std::abs(v) < 1.0f;
-        ++blocks;
-    }
-    control.join();
-    EXPECT_TRUE(finite);
-}
-
-TEST(BankPublication, ProfilesSwapWhileTheAudioThreadRunsThem) {
-    CorrectionEQ eq(2, 48000, frozenClock());
-    std::atomic<bool> done{false};
-    std::thread control([&] {
-        for (int i = 0; i < 2000; ++i) {
-            HeadphoneProfile p;
-            p.preampDb = -double(i % 7);
-            for (int f = 0; f < 1 + i % 20; ++f)
-                p.filters.push_back({ParametricFilterSpec::Shape::peaking, 100.0 * (f + 1), double(f % 5), 1.0});
-            if (i % 10 == 9) eq.removeProfile();
-            else eq.loadProfile(p);
-            eq.setBypassed(i % 17 == 0);
-        }
-        done.store(true);
-    });
-    long blocks = 0;
-    bool finite = true;
-    while (!done.load() || blocks < 10) {
-        auto x = test::interleavedSine(1000, 48000, 0.05, 128, 2, {}, blocks * 128);
-        const auto snap = eq.processingSnapshot();
-        for (int ch = 0; ch < 2; ++ch) eq.processBlock(x.data(), 128, ch, 2, snap);
-        for (float v : x) finite &= std::isfinite(v);
-        ++blocks;
-    }
-    control.join();
-    EXPECT_TRUE(finite);
 }
 
 TEST(BankPublication, WholeRouteChainUnderConstantControlChanges) {
@@ -159,13 +103,16 @@ TEST(BankPublication, WholeRouteChainUnderConstantControlChanges) {
         HeadphoneProfile p;
         p.preampDb = -3;
         p.filters = {{ParametricFilterSpec::Shape::lowShelf, 100, 4, 0.7}, {ParametricFilterSpec::Shape::peaking, 3000, -3, 2}};
-        for (int i = 0; i < 500; ++i) {
+        for (int i = 0; i < 1500; ++i) {
             chain.setGain(double(i % 13) - 6);
             chain.setOutputTrim(double(i % 5) - 4);
             chain.customEQ().setGain(double(i % 9), i % 10);
             chain.customEQ().setChannelDelta(1.5, i % 10, i % 2);
+            if (i % 100 == 0) chain.customEQ().setChannelDeltas({});
             if (i % 3 == 0) chain.correctionEQ().loadProfile(p);
+            chain.correctionEQ().setBypassed(i % 17 == 0);
             if (i % 7 == 0) chain.userParametricEQ().removeProfile();
+            if (i % 7 == 3) chain.userParametricEQ().loadProfile(p);
             if (i % 11 == 0) chain.recomputeEffectiveQs(GenrePreset::edm, i % 2 ? &p : nullptr);
             chain.setMuted(i % 50 == 0);
             (void)chain.inputMeter().currentPeak();
@@ -179,7 +126,7 @@ TEST(BankPublication, WholeRouteChainUnderConstantControlChanges) {
     while (!done.load() || blocks < 10) {
         auto x = test::interleavedSine(220, 48000, 0.5, 256, 2, {}, blocks * 256);
         chain.processInterleaved(x.data(), 256);
-        for (float v : x) bounded &= std::abs(v) < 0.98f + 1e-6f;
+        for (float v : x) bounded &= std::abs(v) < 0.98f + 1e-6f; // false for NaN too
         ++blocks;
     }
     control.join();
