@@ -8,6 +8,9 @@
 namespace tarn {
 namespace {
 
+// Order, wrap-around and the zero-filled tail of short reads are checked over millions of
+// frames by the two-thread tests; these are the edges.
+
 // Frames whose every sample is distinct: frame f, channel c holds 1000 f + c + start.
 std::vector<float> frames(int count, int channels, float start = 0) {
     std::vector<float> v(size_t(count * channels));
@@ -35,40 +38,6 @@ TEST(AudioRingBuffer, CapacityKeepsOneFrameEmpty) {
     EXPECT_EQ(out[14], 0.0f);
     EXPECT_EQ(out[15], 0.0f);
     EXPECT_EQ(ring.totalFramesWritten(), 7u);
-}
-
-TEST(AudioRingBuffer, ShortReadZeroFillsTheTailOfEveryChannel) {
-    AudioRingBuffer ring(3, 16);
-    auto src = frames(3, 3, 1.0f);
-    ASSERT_EQ(ring.write(src.data(), 3), 3);
-    std::vector<float> out(30, 7.0f);
-    EXPECT_EQ(ring.read(out.data(), 10), 3);
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(out[size_t(i)], src[size_t(i)]);
-    for (int i = 9; i < 30; ++i) EXPECT_EQ(out[size_t(i)], 0.0f) << i;
-    // An empty buffer yields silence and says so.
-    std::fill(out.begin(), out.end(), 7.0f);
-    EXPECT_EQ(ring.read(out.data(), 10), 0);
-    for (float s : out) EXPECT_EQ(s, 0.0f);
-}
-
-TEST(AudioRingBuffer, WrapsAroundTheEndWithoutGapOrReordering) {
-    AudioRingBuffer ring(2, 5); // 10 samples of storage
-    std::vector<float> out(20);
-    float next = 0;
-    std::vector<float> expected;
-    // Move the indices to every possible offset and write across the end each time.
-    for (int round = 0; round < 12; ++round) {
-        auto src = frames(3, 2, next);
-        next += 1.0e6f;
-        ASSERT_EQ(ring.write(src.data(), 3), 3);
-        ASSERT_EQ(ring.read(out.data(), 3), 3);
-        for (int i = 0; i < 6; ++i) ASSERT_EQ(out[size_t(i)], src[size_t(i)]) << "round " << round << " sample " << i;
-        auto two = frames(1, 2, next);
-        ASSERT_EQ(ring.write(two.data(), 1), 1);
-        ASSERT_EQ(ring.read(out.data(), 1), 1);
-        ASSERT_EQ(out[0], two[0]);
-        ASSERT_EQ(out[1], two[1]);
-    }
 }
 
 TEST(AudioRingBuffer, NonPositiveCountsChangeNothing) {

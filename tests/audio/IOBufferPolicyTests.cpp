@@ -15,9 +15,6 @@ TEST(IOBufferPolicy, PreferredFramesForMacOSIdentities) {
     EXPECT_EQ(preferredFrames(std::nullopt, std::nullopt), 2048u);
     EXPECT_EQ(preferredFrames("", "Netflix"), 2048u);
     EXPECT_EQ(preferredFrames("com.netflix.Netflix", std::nullopt), 512u);
-    EXPECT_EQ(preferredFrames("com.spotify.client", std::nullopt), 2048u);
-    EXPECT_EQ(preferredFrames("org.videolan.vlc", std::nullopt), 2048u);
-    EXPECT_EQ(preferredFrames("com.apple.Music", std::nullopt), 2048u);
     EXPECT_EQ(preferredFrames("com.example.unknown", std::nullopt), 2048u);
     // Matching is case-sensitive: a different spelling is not the video app.
     EXPECT_EQ(preferredFrames("com.netflix.netflix", std::nullopt), 2048u);

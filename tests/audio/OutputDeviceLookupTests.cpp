@@ -11,14 +11,9 @@ using test::SimulatedAudioPlatform;
 using Step = SimulatedAudioPlatform::Step;
 
 TEST(OutputDeviceLookup, LayoutDescriptions) {
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(1), "Mono");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(2), "Stereo");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(4), "4 ch");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(6), "5.1");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(8), "7.1");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(10), "7.1.2");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(12), "7.1.4");
-    EXPECT_EQ(OutputDeviceLookup::layoutDescription(16), "16 ch");
+    const std::pair<int, const char*> layouts[] = {{1, "Mono"}, {2, "Stereo"}, {4, "4 ch"},    {6, "5.1"},
+                                                   {8, "7.1"},  {10, "7.1.2"}, {12, "7.1.4"}, {16, "16 ch"}};
+    for (auto [channels, name] : layouts) EXPECT_EQ(OutputDeviceLookup::layoutDescription(channels), name);
 }
 
 TEST(OutputDeviceLookup, StreamSelection) {
