@@ -27,19 +27,6 @@ float peakOf(const std::vector<float>& x) {
     return p;
 }
 
-TEST(RouteDSPChain, NewChainAppliesOnlyTheFixedMakeup) {
-    RouteDSPChain chain(2, 48000);
-    EXPECT_EQ(RouteDSPChain::outputMakeupLinear, std::pow(10.0, 4.0 / 20.0));
-    auto x = test::interleavedSine(440, 48000, 0.1, 4800, 2);
-    const auto input = x;
-    run(chain, x, 4800, 512);
-    for (std::size_t i = 0; i < x.size(); ++i) ASSERT_EQ(x[i], input[i] * RouteDSPChain::outputMakeupLinearFloat) << i;
-    EXPECT_NEAR(peakOf(x), 0.1585, 5e-4);
-    EXPECT_EQ(chain.headroomGain(), 1.0);
-    EXPECT_FALSE(chain.isSafetyCeilingActive());
-    EXPECT_NEAR(chain.estimatedPeakGainDb(), 4.0, 1e-12);
-}
-
 TEST(RouteDSPChain, UnityOverallGainPassesAudioThroughUntouched) {
     RouteDSPChain chain(2, 48000);
     chain.setOutputTrim(-4);

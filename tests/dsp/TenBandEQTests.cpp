@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "core/dsp/CorrectionAwareQ.hpp"
 #include "core/dsp/FrequencyResponse.hpp"
 #include "core/dsp/TenBandEQ.hpp"
 #include "dsp/CookbookReference.hpp"
@@ -160,20 +159,6 @@ TEST(TenBandEQ, RebuildRedesignsForTheNewRateAndIgnoresNonsense) {
     EXPECT_EQ(eq.sampleRate(), 48000);
     eq.rebuild(44100);
     EXPECT_NEAR(FrequencyResponse::magnitudeDb(eq.currentCoefficients()[9], 16000, 44100), 6, 1e-9);
-}
-
-TEST(CorrectionAwareQ, BlendsTowardsTheGenreOnlyAQuarterWithCorrection) {
-    for (int i = 0; i < 10; ++i) {
-        const double gq = qVector(GenrePreset::reference)[i];
-        EXPECT_EQ(CorrectionAwareQ::effectiveQ(i, TenBandLayout::defaultQ, GenrePreset::reference, false), gq);
-        EXPECT_NEAR(CorrectionAwareQ::effectiveQ(i, TenBandLayout::defaultQ, GenrePreset::reference, true),
-                    0.25 * gq + 0.75 * TenBandLayout::defaultQ, 1e-12);
-    }
-    HeadphoneProfile profile;
-    EXPECT_EQ(CorrectionAwareQ::qVector(GenrePreset::edm, nullptr)[3], qVector(GenrePreset::edm)[3]);
-    EXPECT_NEAR(CorrectionAwareQ::qVector(GenrePreset::edm, &profile)[3],
-                0.25 * qVector(GenrePreset::edm)[3] + 0.75 * 1.4142135623730951, 1e-12);
-    EXPECT_EQ(CorrectionAwareQ::qVector(GenrePreset::flat, &profile).size(), 10u);
 }
 
 } // namespace
