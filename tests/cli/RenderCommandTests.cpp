@@ -101,10 +101,6 @@ TEST_F(RenderCommand, SummaryReportsTheTrueSampleMaxima) {
     EXPECT_EQ(json["channels"], 2);
     EXPECT_FLOAT_EQ(json["inputPeak"].get<double>(), samplePeak(input));
     EXPECT_FLOAT_EQ(json["outputPeak"].get<double>(), samplePeak(output));
-    for (const char* key : {"estimatedPeakGainDb", "ceilingAttenuationLinear", "minHeadroomGain", "seconds",
-                            "realtimeFactor"})
-        EXPECT_TRUE(json[key].is_number()) << key;
-    EXPECT_TRUE(json["isSafetyCeilingActive"].is_boolean());
     EXPECT_GT(json["realtimeFactor"].get<double>(), 0.0);
     EXPECT_LE(json["minHeadroomGain"].get<double>(), 1.0);
 }
@@ -269,8 +265,7 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
     std::vector<std::string> expected = {"bad.json", "in.wav", "nine.wav", "nofilters.txt",
                                          "noise.mp3", "notes.wav", "out.wav", "wrong.json"};
     EXPECT_EQ(dir.entries(), expected);
-    std::ifstream old(dir / "out.wav");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old), {}), "the previous render");
+    EXPECT_EQ(test::readText(dir / "out.wav"), "the previous render");
 }
 
 TEST_F(RenderCommand, BadUsageExitsTwoWithOneLineNamingTheOption) {

@@ -1,12 +1,9 @@
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "core/io/AutoEqParser.hpp"
+#include "support/TemporaryDirectory.hpp"
 
 namespace tarn {
 namespace {
@@ -130,14 +127,10 @@ TEST(AutoEqParser, DecimalNumbers) {
 
 class AutoEqParserFile : public ::testing::Test {
 protected:
-    std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                ("tarn-autoeq-" + std::to_string(::getpid()));
-    void SetUp() override { std::filesystem::create_directories(dir); }
-    void TearDown() override { std::filesystem::remove_all(dir); }
+    test::TemporaryDirectory dir;
     std::filesystem::path write(const std::string& name, const std::string& bytes) {
-        auto p = dir / name;
-        std::ofstream(p, std::ios::binary) << bytes;
-        return p;
+        std::ofstream(dir / name, std::ios::binary) << bytes;
+        return dir / name;
     }
 };
 
@@ -160,7 +153,7 @@ TEST_F(AutoEqParserFile, UnreadableOrNonTextFilesNameTheFile) {
         }
     };
     expectReadError(dir / "missing.txt");
-    expectReadError(dir);
+    expectReadError(dir.path());
     expectReadError(write("latin1.txt", "Preamp: -1 dB\nFilter 1: ON PK Fc 100 Hz Gain 1 dB Q 1 \xE9\n"));
 }
 

@@ -61,20 +61,5 @@ TEST(EQPresetJSON, RoundTripWritesEveryKeyButAnAbsentProfile) {
     EXPECT_EQ(json::parse(json(p).dump()).get<EQPreset>(), p);
 }
 
-TEST(EQPreset, ImportStartsFlatAndThreeDecibelsDown) {
-    const std::vector<ParametricFilterSpec> filters = {{ParametricFilterSpec::Shape::highShelf, 10000, -2, 0.7}};
-    const EQPreset a = EQPreset::imported(ImportedEQ{"IEM", -4.5, filters}, Date{1.0});
-    const EQPreset b = EQPreset::imported(ImportedEQ{"IEM", -4.5, filters}, Date{1.0});
-    EXPECT_NE(a.id, b.id);
-    EXPECT_EQ(a.name, "IEM");
-    EXPECT_EQ(a.createdAt, Date{1.0});
-    EXPECT_EQ(a.bandGains, std::vector<double>(10, 0.0));
-    EXPECT_EQ(a.selectedGenre, GenrePreset::flat);
-    EXPECT_FALSE(a.correctionProfileID);
-    EXPECT_EQ(a.outputTrimDb, -3.0);
-    EXPECT_EQ(a.parametricFilters, filters);
-    EXPECT_EQ(a.parametricPreampDb, -4.5);
-}
-
 } // namespace
 } // namespace tarn

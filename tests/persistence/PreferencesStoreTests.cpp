@@ -1,7 +1,5 @@
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
 #include <limits>
 
 #include <gtest/gtest.h>
@@ -12,6 +10,7 @@
 #include <unistd.h>
 
 #include "core/io/PreferencesStore.hpp"
+#include "support/ScopedEnvironment.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace tarn {
@@ -19,32 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::TemporaryDirectory;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value)
-            ::setenv(name, value, 1);
-        else
-            ::unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            ::setenv(name_, old_->c_str(), 1);
-        else
-            ::unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
+using ScopedEnv = test::ScopedEnvironment;
 
 TEST(PreferencesStore, StoresOneFilePerKeyAndReplacesIt) {
     TemporaryDirectory dir;
@@ -54,7 +28,7 @@ TEST(PreferencesStore, StoresOneFilePerKeyAndReplacesIt) {
     store.setData("Tarn.savedPresets.v1", "[1]");
     store.setData("Tarn.savedPresets.v1", "[1,2]");
     EXPECT_EQ(store.data("Tarn.savedPresets.v1"), "[1,2]");
-    EXPECT_EQ(readFile(dir / "nested/tarn/Tarn.savedPresets.v1.json"), "[1,2]");
+    EXPECT_EQ(test::readText(dir / "nested/tarn/Tarn.savedPresets.v1.json"), "[1,2]");
     store.setData("Tarn.routesState.v1", "{}");
     std::vector<std::string> names;
     for (const auto& e : fs::directory_iterator(dir / "nested/tarn")) names.push_back(e.path().filename().string());
@@ -86,7 +60,7 @@ TEST(PreferencesStore, FolderFollowsTheEnvironment) {
         ScopedEnv config("TARN_CONFIG_DIR", "/srv/tarn-config");
         EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/srv/tarn-config"));
     }
-    ScopedEnv noConfig("TARN_CONFIG_DIR", nullptr);
+    ScopedEnv noConfig("TARN_CONFIG_DIR", std::nullopt);
     {
         ScopedEnv xdg("XDG_CONFIG_HOME", "/home/ada/.cfg");
         EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.cfg/tarn"));
@@ -96,7 +70,7 @@ TEST(PreferencesStore, FolderFollowsTheEnvironment) {
         ScopedEnv relative("XDG_CONFIG_HOME", "relative/path"); // invalid by the XDG rules: ignored
         EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.config/tarn"));
     }
-    ScopedEnv noXdg("XDG_CONFIG_HOME", nullptr);
+    ScopedEnv noXdg("XDG_CONFIG_HOME", std::nullopt);
     EXPECT_EQ(PreferencesStore::defaultDirectory(), fs::path("/home/ada/.config/tarn"));
 }
 
@@ -136,30 +110,10 @@ TEST(PreferencesStore, ReaderNeverTouchesAnUndecodableDocumentAndSetAsideKeepsIt
 
     auto aside = store.setAside("Tarn.savedPresets.v1");
     ASSERT_TRUE(aside);
-    EXPECT_EQ(readFile(*aside), "{ not json");
+    EXPECT_EQ(test::readText(*aside), "{ not json");
     EXPECT_NE(aside->filename().string().find("Tarn.savedPresets.v1.unreadable-"), std::string::npos);
     EXPECT_FALSE(store.data("Tarn.savedPresets.v1"));
     EXPECT_FALSE(store.setAside("Tarn.savedPresets.v1"));
-}
-
-} // namespace
-} // namespace tarn
-
-#include "core/io/JsonCodecs.hpp"
-#include "core/models/ListeningGenreHistory.hpp"
-
-namespace tarn {
-namespace {
-
-TEST(PreferencesStore, ListeningHistoryLivesInItsOwnVersionedDocument) {
-    test::TemporaryDirectory dir;
-    PreferencesStore store(dir.path());
-    ListeningGenreHistory history;
-    history.record("Jazz", "Miles Davis", Date{800000000.5});
-    history.dismissedGenres.insert("Pop");
-    store.setJSON(ListeningGenreHistory::key, history);
-    EXPECT_EQ(dir.entries(), std::vector<std::string>{"Tarn.listeningGenreHistory.v1.json"});
-    EXPECT_EQ(nlohmann::json::parse(*store.data(ListeningGenreHistory::key)).get<ListeningGenreHistory>(), history);
 }
 
 } // namespace

@@ -1,5 +1,3 @@
-#include <fstream>
-
 #include <gtest/gtest.h>
 
 #include "core/io/JsonCodecs.hpp"
@@ -97,8 +95,7 @@ TEST(PresetStore, OlderListsLoadAndOneBrokenPresetEmptiesTheStoreWithoutLosingTh
     store.save(preset("Fresh", 1));
     ASSERT_TRUE(store.setAsidePath());
     EXPECT_EQ(json::parse(*PreferencesStore(dir.path()).data(PresetStore::key)).size(), 1u);
-    std::ifstream aside(*store.setAsidePath());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), broken.dump());
+    EXPECT_EQ(test::readText(*store.setAsidePath()), broken.dump());
 
     store.save(preset("Second", 2)); // only the unreadable original is ever moved aside
     EXPECT_EQ(PresetStore(prefs).presets().size(), 2u);

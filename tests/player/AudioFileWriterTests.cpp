@@ -56,9 +56,7 @@ TEST_F(AudioFileWriterTest, WithoutCommitTheOldTargetSurvivesAndTheTemporaryFile
         EXPECT_TRUE(std::filesystem::exists(writer.temporaryPath()));
     }
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"keep.wav"});
-    std::ifstream in(dir / "keep.wav");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(text, "previous contents");
+    EXPECT_EQ(test::readText(dir / "keep.wav"), "previous contents");
 
     AudioFileWriter discarded(dir / "other.wav", 48000, 1);
     discarded.discard();

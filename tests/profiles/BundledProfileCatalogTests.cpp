@@ -7,6 +7,7 @@
 #include "core/io/JsonCodecs.hpp"
 #include "core/profiles/BundledProfileCatalog.hpp"
 #include "core/profiles/SearchText.hpp"
+#include "support/ScopedEnvironment.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace tarn {
@@ -179,10 +180,7 @@ TEST(BundledProfileCatalogLoading, ReportsAMissingOrDamagedCatalogueClearly) {
     };
     expectError(BundledProfileCatalog(dir / "missing.json"), "missing.json");
 
-    const auto write = [&](const char* name, const std::string& text) {
-        std::ofstream(dir / name) << text;
-        return dir / name;
-    };
+    const auto write = [&](const char* name, const std::string& text) { return test::writeText(dir / name, text); };
     expectError(BundledProfileCatalog(write("truncated.json", "{\"profiles\": [")), "damaged");
     expectError(BundledProfileCatalog(write("empty.json", R"({"profiles": []})")), "no profiles");
     json profile = json(*catalog().profile("oratory1990.over-ear.sennheiser-hd-600"));
@@ -200,16 +198,15 @@ TEST(BundledProfileCatalogLoading, ReportsAMissingOrDamagedCatalogueClearly) {
 
 TEST(BundledProfileCatalogLoading, DataFolderFromTheEnvironmentIsTheOnlyPlaceLooked) {
     test::TemporaryDirectory dir;
-    const char* old = std::getenv("TARN_DATA_DIR");
-    const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
-    ::setenv("TARN_DATA_DIR", dir.path().c_str(), 1);
-    EXPECT_THROW(BundledProfileCatalog::locateCatalogFile(), BundledProfileCatalog::LoadError);
-    fs::create_directories(dir / "profiles");
-    fs::copy_file(kCatalogFile, dir / "profiles/catalog.json");
-    EXPECT_EQ(BundledProfileCatalog::locateCatalogFile(), dir / "profiles/catalog.json");
-    ::unsetenv("TARN_DATA_DIR");
+    {
+        const test::ScopedEnvironment data("TARN_DATA_DIR", dir.path().string());
+        EXPECT_THROW(BundledProfileCatalog::locateCatalogFile(), BundledProfileCatalog::LoadError);
+        fs::create_directories(dir / "profiles");
+        fs::copy_file(kCatalogFile, dir / "profiles/catalog.json");
+        EXPECT_EQ(BundledProfileCatalog::locateCatalogFile(), dir / "profiles/catalog.json");
+    }
+    const test::ScopedEnvironment noData("TARN_DATA_DIR", std::nullopt);
     EXPECT_TRUE(fs::exists(BundledProfileCatalog::locateCatalogFile()));
-    if (saved) ::setenv("TARN_DATA_DIR", saved->c_str(), 1);
 }
 
 TEST(SearchText, FoldsCaseAndLatinAccentsAndSplitsLettersFromDigits) {
