@@ -25,7 +25,7 @@ Multisine pink(double rate, int boostedBand = -1, double boostDb = 0, unsigned s
 }
 
 // Feeds whole periods through the tap in blocks of `block` frames, of `channels` identical
-// channels, draining after every `drainEvery` periods (the ring holds just under 8 windows).
+// channels, draining whenever six windows have gone in (the ring holds just under 8).
 void feed(BandProminenceAnalyzer& analyzer, const std::vector<float>& period, int periods, int channels = 2,
           int block = 480) {
     std::vector<float> signal;
@@ -69,7 +69,6 @@ TEST(BandProminenceAnalyzer, HannWindowIsTheNormalisedPeriodicForm) {
     EXPECT_EQ(w[0], 0.0f);
     EXPECT_NEAR(w[N / 2], 2 * std::sqrt(2.0 / 3.0), 1e-6);
     EXPECT_NEAR(w[N / 4], std::sqrt(2.0 / 3.0), 1e-6);
-    EXPECT_EQ(w.data(), BandProminenceAnalyzer::hannWindow().data()); // one shared table
 }
 
 TEST(BandProminenceAnalyzer, BandPowersOfASineFollowParseval) {
@@ -128,24 +127,6 @@ TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
         EXPECT_NEAR(lift, 6.0, 0.15);
         EXPECT_GT(snap.prominenceDb[6], 5.0);
     }
-}
-
-TEST(BandProminenceAnalyzer, MonoMixdownIsTheMeanOfTheChannels) {
-    // Left carries three times the signal, right its negative: their mean is the signal itself.
-    const double rate = 48000;
-    const auto sig = pink(rate, 2, 9.0);
-    const auto period = sig.period();
-    auto analyzer = startedAnalyzer(rate);
-    std::vector<float> stereo(2 * N);
-    for (int rep = 0; rep < 6; ++rep) {
-        for (int i = 0; i < N; ++i) {
-            stereo[2 * i] = 3 * period[i];
-            stereo[2 * i + 1] = -period[i];
-        }
-        analyzer->tap().write(stereo.data(), N, 2);
-    }
-    analyzer->drainNowForTesting();
-    expectProminence(analyzer->snapshot(), expectedProminence(bandPowers(sig.windowedPower(), rate)), 0.01);
 }
 
 TEST(BandProminenceAnalyzer, SilenceIsNeverAnalysed) {

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include <nlohmann/json.hpp>
 
 #include "support/ProcessRunner.hpp"
+#include "support/ScopedEnvironment.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace tarn {
@@ -16,11 +16,6 @@ using nlohmann::json;
 test::ProcessResult memory(std::vector<std::string> args) {
     args.insert(args.begin(), {TARN_CLI_PATH, "memory"});
     return test::runProcess(args);
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // One memory of each health: "full" covers its song, "partial" does not, "damaged" has nine values.
@@ -59,16 +54,17 @@ TEST(MemoryCommand, AuditsAndSweeps) {
     out = json::parse(r.standardOutput);
     EXPECT_EQ(out["totalRemoved"], 2);
     EXPECT_EQ(out["healthyKept"], 1);
-    const auto saved = json::parse(readFile(file));
+    const auto saved = json::parse(test::readText(file));
     EXPECT_EQ(saved.size(), 1u);
     EXPECT_TRUE(saved.contains("full"));
 }
 
 TEST(MemoryCommand, FollowsXdgDataHomeAndRefusesToTouchAnUnreadableFile) {
     test::TemporaryDirectory dir;
-    setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
-    auto r = memory({"audit"});
-    unsetenv("XDG_DATA_HOME");
+    auto r = [&] {
+        const test::ScopedEnvironment xdg("XDG_DATA_HOME", dir.path().string());
+        return memory({"audit"});
+    }();
     ASSERT_EQ(r.exitCode, 0) << r.standardError;
     EXPECT_NE(r.standardOutput.find((dir / "tarn/SongMemories.json").string() + ": 0 of"), std::string::npos)
         << r.standardOutput;
@@ -78,7 +74,7 @@ TEST(MemoryCommand, FollowsXdgDataHomeAndRefusesToTouchAnUnreadableFile) {
     r = memory({"sweep", "--file", file.string(), "--remove-broken"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.standardError.find("left as it is"), std::string::npos) << r.standardError;
-    EXPECT_EQ(readFile(file), "{ damaged");
+    EXPECT_EQ(test::readText(file), "{ damaged");
 
     EXPECT_EQ(memory({"sweep", "--file", file.string()}).exitCode, 2); // nothing asked for
     EXPECT_EQ(memory({"sweep", "--idle-days", "-3"}).exitCode, 2);

@@ -6,6 +6,13 @@
 #include "core/recommendation/RecommendationRuleEngine.hpp"
 
 namespace tarn {
+
+// Readable failures: the gain and every reason (gtest finds this by argument-dependent lookup).
+void PrintTo(const BandRecommendation& r, std::ostream* os) {
+    *os << "band " << r.bandIndex << ": " << r.gainDb << " dB";
+    for (const auto& reason : r.rationale) *os << "\n  " << reason;
+}
+
 namespace {
 
 using Engine = RecommendationRuleEngine;
@@ -31,6 +38,8 @@ RecommendationInput withBand(int band, double p, double d) {
 BandRecommendation songBand(const RecommendationInput& in, int band) {
     return Engine::recommend(in, RecommendationScope::song).at(band);
 }
+
+BandRecommendation rec(int band, double gainDb, Reasons rationale) { return {band, gainDb, std::move(rationale)}; }
 
 TEST(RecommendationRuleEngine, BandNames) {
     EXPECT_EQ(Engine::bandName(0), "sub-bass (31 Hz)");
@@ -74,10 +83,9 @@ TEST(RecommendationRuleEngine, NonFiniteInputsCountAsZero) {
 }
 
 TEST(RecommendationRuleEngine, S0DampensOverDeliveredBands) {
-    auto at12 = songBand(withBand(4, 9.0, 3.0), 4);
-    EXPECT_EQ(at12.gainDb, -1.0);
-    EXPECT_EQ(at12.rationale, Reasons{"S0: mids (500 Hz) is over-delivered on this setup (song 9.0, headphone 3.0 = "
-                                      "+12.0 combined) → dampened"});
+    EXPECT_EQ(songBand(withBand(4, 9.0, 3.0), 4),
+              rec(4, -1.0, {"S0: mids (500 Hz) is over-delivered on this setup (song 9.0, headphone 3.0 = +12.0 combined) "
+                            "→ dampened"}));
     EXPECT_EQ(songBand(withBand(4, 14.0, 3.0), 4).gainDb, -4.0);  // exactly the floor
     EXPECT_EQ(songBand(withBand(4, 20.0, 3.0), 4).gainDb, -4.0);  // never below it
     EXPECT_EQ(songBand(withBand(4, 11.0, 3.0), 4).gainDb, -3.0);  // −2.5 rounds away from zero
@@ -94,33 +102,26 @@ TEST(RecommendationRuleEngine, S1BoostsProminentBandsTheHeadphoneMisses) {
         in.prominenceDb[band] = 4.0;
         in.headphone.deviationDb[band] = -2.5;
     }
-    auto r = songBand(in, 4);
-    EXPECT_EQ(r.gainDb, 7.0);
-    EXPECT_EQ(r.rationale, Reasons{"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it "
-                                   "(-2.5 dB) → strong boost"});
+    EXPECT_EQ(songBand(in, 4), rec(4, 7.0, {"S1: mids (500 Hz) is prominent in this song and your headphone "
+                                            "under-delivers it (-2.5 dB) → strong boost"}));
     // 4 + 1.2 × 6 = 11.2 is held at 10 before any guard.
     in.prominenceDb[4] = 3.0;
     in.headphone.deviationDb[4] = -6.0;
     EXPECT_EQ(songBand(in, 4).gainDb, 10.0);
 
     // p + d = 10: headroom 2/3 tempers 7 to 4.67, and G8 then leaves only 12 − 10 = 2 dB of room.
-    auto hot = songBand(withBand(4, 12.5, -2.5), 4);
-    EXPECT_EQ(hot.gainDb, 2.0);
-    EXPECT_EQ(hot.rationale,
-              (Reasons{"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it (-2.5 dB) → "
-                       "strong boost (tempered — the track is already hot here)",
-                       "G8: mids (500 Hz) already runs +10.0 dB hot — boost limited to +2.0"}));
+    EXPECT_EQ(songBand(withBand(4, 12.5, -2.5), 4),
+              rec(4, 2.0, {"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it (-2.5 dB) → "
+                           "strong boost (tempered — the track is already hot here)",
+                           "G8: mids (500 Hz) already runs +10.0 dB hot — boost limited to +2.0"}));
 }
 
 TEST(RecommendationRuleEngine, S2LightBoostAndItsTempering) {
-    auto light = songBand(withBand(4, 4.0, 0.0), 4);
-    EXPECT_EQ(light.gainDb, 2.0);
-    EXPECT_EQ(light.rationale, Reasons{"S2: mids (500 Hz) is prominent in this song → light boost"});
+    EXPECT_EQ(songBand(withBand(4, 4.0, 0.0), 4), rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost"}));
     EXPECT_EQ(songBand(withBand(4, 6.0, 2.0), 4).gainDb, 3.0);
     // p = 10: headroom 2/3 of 3 dB is exactly the 2 dB of room G8 allows, so G8 stays silent.
-    auto tempered = songBand(withBand(4, 10.0, 0.0), 4);
-    EXPECT_EQ(tempered.gainDb, 2.0);
-    EXPECT_EQ(tempered.rationale, Reasons{"S2: mids (500 Hz) is prominent in this song → light boost (tempered)"});
+    EXPECT_EQ(songBand(withBand(4, 10.0, 0.0), 4),
+              rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost (tempered)"}));
 }
 
 TEST(RecommendationRuleEngine, S3AlwaysCutsOneDbWhenTheHeadphoneIsAlreadyHot) {
@@ -134,31 +135,20 @@ TEST(RecommendationRuleEngine, S3AlwaysCutsOneDbWhenTheHeadphoneIsAlreadyHot) {
 }
 
 TEST(RecommendationRuleEngine, S5AndS6CutRecessedBands) {
-    auto absent = songBand(withBand(7, -8.0, 0.0), 7);
-    EXPECT_EQ(absent.gainDb, -4.0);
-    EXPECT_EQ(absent.rationale, Reasons{"S6: definition (4 kHz) is nearly absent in this song → cut"});
-    auto softened = songBand(withBand(7, -7.0, -3.0), 7);
-    EXPECT_EQ(softened.gainDb, -2.0);
-    EXPECT_EQ(softened.rationale,
-              Reasons{"S6: definition (4 kHz) is nearly absent in this song → cut (softened — headphone is weak here too)"});
-    auto recessed = songBand(withBand(7, -3.0, 0.0), 7);
-    EXPECT_EQ(recessed.gainDb, -3.0);
-    EXPECT_EQ(recessed.rationale, Reasons{"S5: definition (4 kHz) is not prominent in this song → −3"});
+    EXPECT_EQ(songBand(withBand(7, -8.0, 0.0), 7), rec(7, -4.0, {"S6: definition (4 kHz) is nearly absent in this song → cut"}));
+    EXPECT_EQ(songBand(withBand(7, -7.0, -3.0), 7),
+              rec(7, -2.0, {"S6: definition (4 kHz) is nearly absent in this song → cut (softened — headphone is weak here too)"}));
+    EXPECT_EQ(songBand(withBand(7, -3.0, 0.0), 7), rec(7, -3.0, {"S5: definition (4 kHz) is not prominent in this song → −3"}));
     EXPECT_EQ(songBand(withBand(7, -6.9, -4.0), 7).gainDb, -3.0); // S5 ignores the headphone
 }
 
 TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHeadphoneCompensation) {
     auto in = quietInput();
     in.genre = GenrePreset::rock; // 4 kHz target +4
-    auto r = songBand(in, 7);
-    EXPECT_EQ(r.gainDb, 2.0);
-    EXPECT_EQ(r.rationale, Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve"});
-
+    const std::string s4 = "S4: song is neutral at definition (4 kHz) → half-weight taste curve";
+    EXPECT_EQ(songBand(in, 7), rec(7, 2.0, {s4}));
     in.userBiasDb[7] = 1.0;
-    r = songBand(in, 7);
-    EXPECT_EQ(r.gainDb, 3.0);
-    EXPECT_EQ(r.rationale, (Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve",
-                                    "P1: your usual preference at definition (4 kHz) (+1.0)"}));
+    EXPECT_EQ(songBand(in, 7), rec(7, 3.0, {s4, "P1: your usual preference at definition (4 kHz) (+1.0)"}));
 
     in.userBiasDb[7] = 0.4; // below the preference threshold: ignored
     EXPECT_EQ(songBand(in, 7).gainDb, 2.0);
@@ -166,41 +156,34 @@ TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHe
     // H1: min(0.8 × 6, 4) + 0.5 × 4 − 1.0 = 5.
     in.userBiasDb[7] = -1.0;
     in.headphone.deviationDb[7] = -6.0;
-    r = songBand(in, 7);
-    EXPECT_EQ(r.gainDb, 5.0);
-    EXPECT_EQ(r.rationale, (Reasons{"S4: song is neutral at definition (4 kHz) → half-weight taste curve",
-                                    "P1: your usual preference at definition (4 kHz) (-1.0)",
-                                    "H1: headphone under-delivers definition (4 kHz) (-6.0 dB) → compensate"}));
+    EXPECT_EQ(songBand(in, 7), rec(7, 5.0, {s4, "P1: your usual preference at definition (4 kHz) (-1.0)",
+                                            "H1: headphone under-delivers definition (4 kHz) (-6.0 dB) → compensate"}));
 
     // H2: 2 − min(0.6 × 10, 3) = −1; no taste at 500 Hz for rock, so only H2 speaks.
     in = quietInput();
     in.genre = GenrePreset::rock;
     in.headphone.deviationDb[7] = 10.0;
     in.prominenceDb[7] = -2.0; // keeps p + d below the S0 threshold
-    r = songBand(in, 7);
+    auto r = songBand(in, 7);
     EXPECT_EQ(r.gainDb, -1.0);
     EXPECT_EQ(r.rationale.back(), "H2: headphone over-delivers definition (4 kHz) (+10.0 dB) → ease off");
     in.headphone.deviationDb[4] = -2.5;
-    r = songBand(in, 4);
-    EXPECT_EQ(r.gainDb, 2.0);
-    EXPECT_EQ(r.rationale, Reasons{"H1: headphone under-delivers mids (500 Hz) (-2.5 dB) → compensate"});
+    EXPECT_EQ(songBand(in, 4), rec(4, 2.0, {"H1: headphone under-delivers mids (500 Hz) (-2.5 dB) → compensate"}));
 }
 
 TEST(RecommendationRuleEngine, TasteLayerFollowsTheCurveAndCompensatesMoreFirmly) {
     auto in = quietInput();
     in.genre = GenrePreset::rock;
     in.userBiasDb[7] = 1.0;
-    auto r = Engine::recommend(in, RecommendationScope::taste)[7];
-    EXPECT_EQ(r.gainDb, 5.0);
-    EXPECT_EQ(r.rationale, (Reasons{"P1: your usual preference at definition (4 kHz) (+1.0)",
-                                    "T1: your listening leans Rock curve at definition (4 kHz)"}));
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[7],
+              rec(7, 5.0, {"P1: your usual preference at definition (4 kHz) (+1.0)",
+                           "T1: your listening leans Rock curve at definition (4 kHz)"}));
 
     // H1 up to 6 dB (the song layer stops at 4).
     in = quietInput();
     in.headphone.deviationDb[4] = -8.0;
-    r = Engine::recommend(in, RecommendationScope::taste)[4];
-    EXPECT_EQ(r.gainDb, 6.0);
-    EXPECT_EQ(r.rationale, Reasons{"H1: headphone under-delivers mids (500 Hz) (-8.0 dB) → compensate"});
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4],
+              rec(4, 6.0, {"H1: headphone under-delivers mids (500 Hz) (-8.0 dB) → compensate"}));
     EXPECT_EQ(songBand(in, 4).gainDb, 4.0);
 
     // H2 eases off up to 4 dB (the song layer stops at 3).
@@ -338,14 +321,12 @@ TEST(RecommendationRuleEngine, G1G2CapLowMidsAndTreble) {
 
 TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
     auto in = withBand(8, 4.0, 3.0); // S3 −1, then G2 to −3
-    auto r = songBand(in, 8);
-    EXPECT_EQ(r.gainDb, -3.0);
-    EXPECT_EQ(r.rationale,
-              (Reasons{"S3: brilliance (8 kHz) is prominent but your headphone already over-delivers it (+3.0 dB) → "
-                       "slight cut",
-                       "G2: song and headphone are both hot at brilliance (8 kHz) → cut to protect against harshness"}));
+    EXPECT_EQ(songBand(in, 8),
+              rec(8, -3.0, {"S3: brilliance (8 kHz) is prominent but your headphone already over-delivers it (+3.0 dB) → "
+                            "slight cut",
+                            "G2: song and headphone are both hot at brilliance (8 kHz) → cut to protect against harshness"}));
     // S0 at p + d = 14 gives −2.5, still above −3: G2 cuts further.
-    r = songBand(withBand(9, 11.0, 3.0), 9);
+    auto r = songBand(withBand(9, 11.0, 3.0), 9);
     EXPECT_EQ(r.gainDb, -3.0);
     EXPECT_EQ(r.rationale.size(), 2u);
     // Already at −4 (S0 with p + d = 17): G2 leaves it.

@@ -2,11 +2,13 @@
 
 #include <cmath>
 #include <fstream>
+#include <functional>
 
 #include <nlohmann/json.hpp>
 
 #include "core/recommendation/SongMemoryCapacity.hpp"
 #include "core/recommendation/SongMemoryStore.hpp"
+#include "support/ScopedEnvironment.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace tarn {
@@ -19,16 +21,6 @@ constexpr std::int8_t X = SongMemory::noDataSentinel;
 std::vector<double> flat(double v) { return std::vector<double>(10, v); }
 Bytes seconds(int count, std::int8_t value) { return Bytes(std::size_t(count) * 10, value); }
 Date at(double seconds) { return Date{seconds}; }
-
-void writeFile(const std::filesystem::path& path, const std::string& text) {
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path) << text;
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // Expected digests from `printf 'hello|world' | sha256sum` and friends.
 TEST(SongMemoryKey, IsTheSha256OfTrimmedLowercasedTitleAndArtist) {
@@ -179,7 +171,7 @@ TEST(SongMemoryStore, PersistsAndReadsBackEveryField) {
         store.flush();
         EXPECT_FALSE(store.lastError()) << *store.lastError();
     }
-    const auto document = nlohmann::json::parse(readFile(file));
+    const auto document = nlohmann::json::parse(test::readText(file));
     EXPECT_EQ(document.size(), 2u);
     EXPECT_EQ(document["k1"]["genre"], "Jazz");
     EXPECT_FALSE(document["k2"].contains("genre")); // absent optionals are omitted
@@ -196,17 +188,17 @@ TEST(SongMemoryStore, PersistsAndReadsBackEveryField) {
 TEST(SongMemoryStore, AnUnreadableFileIsMovedAsideNotOverwritten) {
     TemporaryDirectory dir;
     const auto file = dir / "SongMemories.json";
-    writeFile(file, "{ this is not json");
+    test::writeText(file, "{ this is not json");
     {
         SongMemoryStore store(file, 10);
         EXPECT_EQ(store.count(), 0);
         ASSERT_TRUE(store.lastError());
         EXPECT_NE(store.lastError()->find("SongMemories.json"), std::string::npos);
-        EXPECT_EQ(readFile(file), "{ this is not json"); // reading never touches it
+        EXPECT_EQ(test::readText(file), "{ this is not json"); // reading never touches it
         store.record("k", flat(1), flat(1), std::nullopt, std::nullopt, std::nullopt);
         store.flush();
         ASSERT_TRUE(store.setAsidePath());
-        EXPECT_EQ(readFile(*store.setAsidePath()), "{ this is not json");
+        EXPECT_EQ(test::readText(*store.setAsidePath()), "{ this is not json");
     }
     EXPECT_EQ(SongMemoryStore(file, 10).count(), 1);
 }
@@ -227,31 +219,23 @@ TEST(SongMemoryStore, ClassifiesHealth) {
     incomplete.expectedDurationSeconds.reset(); // coverage unknown
     EXPECT_EQ(SongMemoryStore::classify(incomplete), SongMemoryHealth::incomplete);
 
-    auto broken = m;
-    broken.profileDb.pop_back();
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
-    broken = m;
-    broken.curveDb[4] = NAN;
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
-    broken = m;
-    broken.timeline->push_back(0); // not whole seconds
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
-    broken = m;
-    broken.genre = std::string(41, 'x');
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
-    broken = m;
-    broken.playCount = 0;
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
-    broken = m;
-    broken.expectedDurationSeconds = -5;
-    EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken);
+    const std::function<void(SongMemory&)> damages[] = {
+        [](SongMemory& b) { b.profileDb.pop_back(); },       [](SongMemory& b) { b.curveDb[4] = NAN; },
+        [](SongMemory& b) { b.timeline->push_back(0); },     // not whole seconds
+        [](SongMemory& b) { b.genre = std::string(41, 'x'); }, [](SongMemory& b) { b.playCount = 0; },
+        [](SongMemory& b) { b.expectedDurationSeconds = -5; }};
+    for (std::size_t i = 0; i < std::size(damages); ++i) {
+        auto broken = m;
+        damages[i](broken);
+        EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken) << "damage " << i;
+    }
 }
 
 TEST(SongMemoryStore, DamagedEntriesLoadAsBrokenAndSweepRemovesThem) {
     TemporaryDirectory dir;
     const auto file = dir / "SongMemories.json";
     const std::string ten = "[0,0,0,0,0,0,0,0,0,0]";
-    writeFile(file, R"({
+    test::writeText(file, R"({
       "nine":   {"profileDb": [0,0,0,0,0,0,0,0,0], "curveDb": )" + ten + R"(, "playCount": 1, "lastPlayedAt": 5},
       "nan":    {"profileDb": [0,0,0,null,0,0,0,0,0,0], "curveDb": )" + ten + R"(, "playCount": 1, "lastPlayedAt": 5},
       "old":    {"profileDb": )" + ten + R"(, "curveDb": )" + ten + R"(, "playCount": 1, "lastPlayedAt": 100},
@@ -278,7 +262,7 @@ TEST(SongMemoryStore, DamagedEntriesLoadAsBrokenAndSweepRemovesThem) {
     report = store.sweep(true, std::nullopt, {"nan"});
     EXPECT_EQ(report, (SongMemorySweepReport{1, 1, 1, 0, 2}));
     store.flush();
-    const auto document = nlohmann::json::parse(readFile(file));
+    const auto document = nlohmann::json::parse(test::readText(file));
     EXPECT_FALSE(document.contains("nine"));
     EXPECT_TRUE(document.contains("nan"));
     EXPECT_TRUE(document["nan"]["profileDb"][3].is_null()); // kept exactly as damaged as it was
@@ -290,15 +274,12 @@ TEST(SongMemoryStore, DamagedEntriesLoadAsBrokenAndSweepRemovesThem) {
 }
 
 TEST(SongMemoryStore, DefaultFileFollowsXdgDataHome) {
-    const char* saved = std::getenv("XDG_DATA_HOME");
-    const std::string restore = saved ? saved : "";
-    setenv("XDG_DATA_HOME", "/srv/data", 1);
-    EXPECT_EQ(SongMemoryStore::defaultFileURL(), "/srv/data/tarn/SongMemories.json");
-    setenv("XDG_DATA_HOME", "relative/ignored", 1);
-    EXPECT_EQ(SongMemoryStore::defaultFileURL(),
-              std::filesystem::path(std::getenv("HOME")) / ".local/share/tarn/SongMemories.json");
-    if (saved) setenv("XDG_DATA_HOME", restore.c_str(), 1);
-    else unsetenv("XDG_DATA_HOME");
+    {
+        const test::ScopedEnvironment xdg("XDG_DATA_HOME", "/srv/data");
+        EXPECT_EQ(SongMemoryStore::defaultFileURL(), "/srv/data/tarn/SongMemories.json");
+    }
+    const test::ScopedEnvironment xdg("XDG_DATA_HOME", "relative/ignored"), home("HOME", "/home/ada");
+    EXPECT_EQ(SongMemoryStore::defaultFileURL(), "/home/ada/.local/share/tarn/SongMemories.json");
     EXPECT_THROW(SongMemoryStore(std::filesystem::path("/tmp/memories.txt"), 10), std::invalid_argument);
     // A relative name is taken from the current folder once, at construction.
     EXPECT_EQ(SongMemoryStore("no-such-folder/SongMemories.json", 10).fileURL(),
@@ -325,9 +306,9 @@ TEST(SongMemoryCapacity, ResolvesTiersFromChipAndModel) {
 
 TEST(SongMemoryCapacity, ReadsTheMachineFromProcAndSysfsFiles) {
     TemporaryDirectory dir;
-    writeFile(dir / "cpuinfo", "processor\t: 0\nvendor_id\t: GenuineIntel\nmodel name\t: Intel(R) Core(TM) i5\n"
+    test::writeText(dir / "cpuinfo", "processor\t: 0\nvendor_id\t: GenuineIntel\nmodel name\t: Intel(R) Core(TM) i5\n"
                                "\nprocessor\t: 1\nmodel name\t: Intel(R) Core(TM) i5\n");
-    writeFile(dir / "product_name", "MacBookAir8,1\n");
+    test::writeText(dir / "product_name", "MacBookAir8,1\n");
     EXPECT_EQ(SongMemoryCapacity::chipBrand(dir / "cpuinfo"), "Intel(R) Core(TM) i5");
     EXPECT_EQ(SongMemoryCapacity::modelIdentifier(dir / "product_name"), "MacBookAir8,1");
     EXPECT_EQ(SongMemoryCapacity::chipBrand(dir / "missing"), "");
