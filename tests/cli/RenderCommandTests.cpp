@@ -77,10 +77,7 @@ protected:
         return test::toneAmplitude(out, channel, frequencyHz, first, out.frameCount() - first);
     }
 
-    std::string write(const std::string& name, const std::string& text) {
-        std::ofstream(dir / name) << text;
-        return (dir / name).string();
-    }
+    std::string write(const std::string& name, const std::string& text) { return test::writeText(dir / name, text).string(); }
 };
 
 TEST_F(RenderCommand, BandCutMatchesTheCookbookResponseWithMakeup) {

@@ -1,5 +1,3 @@
-#include <fstream>
-
 #include <gtest/gtest.h>
 
 #include "core/io/AutoEqParser.hpp"
@@ -128,10 +126,7 @@ TEST(AutoEqParser, DecimalNumbers) {
 class AutoEqParserFile : public ::testing::Test {
 protected:
     test::TemporaryDirectory dir;
-    std::filesystem::path write(const std::string& name, const std::string& bytes) {
-        std::ofstream(dir / name, std::ios::binary) << bytes;
-        return dir / name;
-    }
+    std::filesystem::path write(const std::string& name, const std::string& bytes) { return test::writeText(dir / name, bytes); }
 };
 
 TEST_F(AutoEqParserFile, ModelNameIsTheFileStemAndAByteOrderMarkIsDropped) {
