@@ -30,9 +30,6 @@ namespace {
 using Clock = ControlLoop::Clock;
 using Entry = ProcessDiscoveryService::Entry;
 
-// Engines report a stream the server stopped only when asked; asking is a map look-up, and a
-// quarter of a second is well within what a listener notices anyway.
-constexpr auto interruptionCheckInterval = std::chrono::milliseconds(250);
 // When the default device goes away, the session manager names the next one a moment later.
 constexpr double newDefaultGraceSeconds = 2.0;
 constexpr int exitInterrupted = 130;
@@ -83,6 +80,7 @@ private:
     void followDefaultTo(const OutputDeviceInfo& device);
     void checkInterruptions();
     void printMeters();
+    void tick();
     bool currentDeviceIsPresent();
     void fail(std::string message);
     void stopAll();
@@ -339,7 +337,18 @@ void TapSession::checkInterruptions() {
         }
         // Following the default: the wait for the next default decides.
     }
-    loop_.asyncAfter(std::chrono::duration<double>(interruptionCheckInterval).count(), [this] { checkInterruptions(); });
+}
+
+// Once a second: the meters, and whether an engine stopped. Engines report a stream the server
+// stopped only when asked; the usual causes (a device or the application going away) wake the loop
+// through the listeners at once, so the rare rest waits for this tick rather than costing the
+// routes a wake-up of their own several times a second.
+void TapSession::tick() {
+    checkInterruptions();
+    if (loop_.isQuitting()) return;
+    printMeters();
+    nextMeter_ += std::chrono::seconds(1);
+    loop_.asyncAt(nextMeter_, [this] { tick(); });
 }
 
 void TapSession::printMeters() {
@@ -360,8 +369,6 @@ void TapSession::printMeters() {
                            decibels(r.chain->inputMeter().currentPeak()), decibels(r.chain->outputMeter().currentPeak()));
     }
     std::fflush(stdout);
-    nextMeter_ += std::chrono::seconds(1);
-    loop_.asyncAt(nextMeter_, [this] { printMeters(); });
 }
 
 int TapSession::run() {
@@ -401,8 +408,7 @@ int TapSession::run() {
     devices_->start();
     started_ = Clock::now();
     nextMeter_ = started_ + std::chrono::seconds(1);
-    loop_.asyncAt(nextMeter_, [this] { printMeters(); });
-    loop_.asyncAfter(std::chrono::duration<double>(interruptionCheckInterval).count(), [this] { checkInterruptions(); });
+    loop_.asyncAt(nextMeter_, [this] { tick(); });
     if (options_.seconds > 0) loop_.asyncAfter(options_.seconds, [this] { loop_.quit(); });
     loop_.run();
 
