@@ -26,8 +26,9 @@ template <int W> struct Lanes {
     Vec x1, x2, y1, y2;
 };
 
-// One pass: up to maxRows · (W / channels) sections. CH channels per group.
-template <int CH, int W>
+// One pass: up to maxRows · (W / channels) sections. CH channels per group. Without `Gained` no
+// section of the pass has an input gain, and the multiply by 1 leaves the row's critical path.
+template <int CH, int W, bool Gained>
 inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount, int stride, int firstChannel,
                                                     const SectionCascade::Section* sections, int sectionCount) {
     using Vec = typename Simd<W>::Vec;
@@ -77,7 +78,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
         // before that row is advanced.
         for (int r = rows - 1; r >= 0; --r) {
             Lanes<W>& l = lanes[r];
-            const Vec x = (r == 0 ? input0 : lanes[r - 1].y1) * l.gain;
+            const Vec x = Gained ? (r == 0 ? input0 : lanes[r - 1].y1) * l.gain : (r == 0 ? input0 : lanes[r - 1].y1);
             const Vec y = l.b0 * x + l.b1 * l.x1 + l.b2 * l.x2 - l.a1 * l.y1 - l.a2 * l.y2;
             if (masked) {
                 // Lanes whose section has no sample at this step keep their state.
@@ -123,8 +124,13 @@ template <int CH, int W>
 inline __attribute__((always_inline)) void runPasses(float* buffer, int frameCount, int stride, int firstChannel,
                                                       const SectionCascade::Section* sections, int sectionCount) {
     constexpr int perPass = SectionCascade::maxRows * (W / CH);
-    for (int first = 0; first < sectionCount; first += perPass)
-        runPass<CH, W>(buffer, frameCount, stride, firstChannel, sections + first, std::min(perPass, sectionCount - first));
+    for (int first = 0; first < sectionCount; first += perPass) {
+        const int count = std::min(perPass, sectionCount - first);
+        const bool gained = std::any_of(sections + first, sections + first + count,
+                                        [](const SectionCascade::Section& s) { return s.inputGain != 1.0f; });
+        if (gained) runPass<CH, W, true>(buffer, frameCount, stride, firstChannel, sections + first, count);
+        else runPass<CH, W, false>(buffer, frameCount, stride, firstChannel, sections + first, count);
+    }
 }
 
 template <int CH>
