@@ -70,6 +70,21 @@ TEST(Limiter, VectorBlockPathIsTheScalarLawSampleForSample) {
     }
     EXPECT_EQ(peak, expectPeak);
     EXPECT_TRUE(l.isClipping());
+
+    // Blocks at or below the knee pass unchanged, including a tail past the last full vector, and
+    // a NaN there still becomes silence.
+    for (int n : {8, 37}) {
+        std::vector<float> quiet;
+        for (int i = 0; i < n; ++i) quiet.push_back(0.83f * std::sin(0.7f * float(i)));
+        quiet[std::size_t(n - 3)] = -0.83f;
+        auto out = quiet;
+        EXPECT_EQ(l.processBlock(out.data(), n), 0.83f) << n;
+        EXPECT_EQ(out, quiet) << n;
+        EXPECT_FALSE(l.isClipping()) << n;
+        out.back() = nan;
+        l.processBlock(out.data(), n);
+        EXPECT_EQ(out.back(), 0.0f) << n;
+    }
 }
 
 } // namespace

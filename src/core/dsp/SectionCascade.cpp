@@ -37,6 +37,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
     const int rows = (sectionCount + groups - 1) / groups;
     Lanes<W> lanes[SectionCascade::maxRows];
     IVec laneSection[SectionCascade::maxRows];
+    bool rowGained[SectionCascade::maxRows] = {};
 
     for (int r = 0; r < rows; ++r) {
         Lanes<W>& l = lanes[r];
@@ -50,6 +51,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
                 const BiquadFilter::ChannelState st = sec.filter->channelState(firstChannel + c);
                 l.b0[lane] = k.b0, l.b1[lane] = k.b1, l.b2[lane] = k.b2, l.a1[lane] = k.a1, l.a2[lane] = k.a2;
                 l.gain[lane] = sec.inputGain;
+                rowGained[r] = rowGained[r] || sec.inputGain != 1.0f;
                 l.x1[lane] = st.x1, l.x2[lane] = st.x2, l.y1[lane] = st.y1, l.y2[lane] = st.y2;
             } else {
                 l.b0[lane] = l.b1[lane] = l.b2[lane] = l.a1[lane] = l.a2[lane] = 0.0f;
@@ -78,7 +80,8 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
         // before that row is advanced.
         for (int r = rows - 1; r >= 0; --r) {
             Lanes<W>& l = lanes[r];
-            const Vec x = Gained ? (r == 0 ? input0 : lanes[r - 1].y1) * l.gain : (r == 0 ? input0 : lanes[r - 1].y1);
+            const Vec in = r == 0 ? input0 : lanes[r - 1].y1;
+            const Vec x = Gained && rowGained[r] ? in * l.gain : in;
             const Vec y = l.b0 * x + l.b1 * l.x1 + l.b2 * l.x2 - l.a1 * l.y1 - l.a2 * l.y2;
             if (masked) {
                 // Lanes whose section has no sample at this step keep their state.
