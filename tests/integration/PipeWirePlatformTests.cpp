@@ -72,7 +72,9 @@ protected:
                 platform->processObjectList(list);
                 for (auto id : list) {
                     int32_t pid = 0;
-                    if (platform->processPID(id, pid) == 0 && pid == player->pid()) found = id;
+                    // Its name arrives with the client's info, a moment after the node on a busy machine.
+                    if (platform->processPID(id, pid) == 0 && pid == player->pid() && platform->runningApplication(pid))
+                        found = id;
                 }
                 return found != 0;
             },
