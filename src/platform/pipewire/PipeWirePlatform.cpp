@@ -174,6 +174,15 @@ struct PipeWirePlatform::Impl {
 
     // ---- helpers (loop lock held) ----
 
+    template <typename Match>
+    const PipeWireDevice* findDevice(Match match) const {
+        auto it = std::find_if(lastDevices.begin(), lastDevices.end(), match);
+        return it == lastDevices.end() ? nullptr : &*it;
+    }
+    const PipeWireDevice* deviceWithID(ObjectID id) const {
+        return findDevice([&](const PipeWireDevice& d) { return d.nodeID == id; });
+    }
+
     PipeWireGraph graph() { return connection->graph(); }
 
     static const PipeWireApplication* appFor(const std::vector<PipeWireApplication>& apps, ObjectID object) {
@@ -1129,53 +1138,43 @@ AudioPlatform::Status PipeWirePlatform::outputDeviceList(std::vector<ObjectID>& 
 
 AudioPlatform::Status PipeWirePlatform::defaultOutputDevice(ObjectID& deviceID) {
     PipeWireConnection::Lock lock(*connection_);
-    for (const auto& d : impl_->lastDevices)
-        if (d.isDefault) {
-            deviceID = d.nodeID;
-            return noError;
-        }
-    return -ENODEV;
+    auto* d = impl_->findDevice([](const PipeWireDevice& d) { return d.isDefault; });
+    if (!d) return -ENODEV;
+    deviceID = d->nodeID;
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceForUID(const std::string& uid, ObjectID& deviceID) {
     PipeWireConnection::Lock lock(*connection_);
-    for (const auto& d : impl_->lastDevices)
-        if (d.uid == uid) {
-            deviceID = d.nodeID;
-            return noError;
-        }
-    return -ENODEV;
+    auto* d = impl_->findDevice([&](const PipeWireDevice& d) { return d.uid == uid; });
+    if (!d) return -ENODEV;
+    deviceID = d->nodeID;
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceUID(ObjectID deviceID, std::string& uid) {
     PipeWireConnection::Lock lock(*connection_);
-    for (const auto& d : impl_->lastDevices)
-        if (d.nodeID == deviceID) {
-            uid = d.uid;
-            return noError;
-        }
-    return -ENODEV;
+    auto* d = impl_->deviceWithID(deviceID);
+    if (!d) return -ENODEV;
+    uid = d->uid;
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::deviceName(ObjectID deviceID, std::string& name) {
     PipeWireConnection::Lock lock(*connection_);
-    for (const auto& d : impl_->lastDevices)
-        if (d.nodeID == deviceID) {
-            name = d.name;
-            return noError;
-        }
-    return -ENODEV;
+    auto* d = impl_->deviceWithID(deviceID);
+    if (!d) return -ENODEV;
+    name = d->name;
+    return noError;
 }
 
 AudioPlatform::Status PipeWirePlatform::outputStreamChannelCounts(ObjectID deviceID,
                                                                   std::vector<std::uint32_t>& channelCounts) {
     PipeWireConnection::Lock lock(*connection_);
-    for (const auto& d : impl_->lastDevices)
-        if (d.nodeID == deviceID) {
-            channelCounts = {static_cast<uint32_t>(std::max(d.channelCount, 0))};
-            return noError;
-        }
-    return -ENODEV;
+    auto* d = impl_->deviceWithID(deviceID);
+    if (!d) return -ENODEV;
+    channelCounts = {static_cast<uint32_t>(std::max(d->channelCount, 0))};
+    return noError;
 }
 
 } // namespace tarn
