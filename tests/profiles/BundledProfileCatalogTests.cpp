@@ -42,42 +42,24 @@ TEST(BundledProfileCatalog, EveryShippedProfileReadsBackToItsOwnJSON) {
     ASSERT_EQ(profiles.size(), 556u);
     ASSERT_EQ(raw.size(), profiles.size());
     for (std::size_t i = 0; i < profiles.size(); ++i) EXPECT_EQ(json(profiles[i]), raw[i]) << profiles[i].id;
-    EXPECT_NE(catalog().source().find("AutoEq"), std::string::npos);
-}
-
-TEST(BundledProfileCatalog, LooksProfilesUpById) {
-    const auto* hd600 = catalog().profile("oratory1990.over-ear.sennheiser-hd-600");
-    ASSERT_NE(hd600, nullptr);
-    EXPECT_EQ(hd600->modelName, "Sennheiser HD 600");
-    EXPECT_EQ(hd600->wearStyle, HeadphoneWearStyle::overEar);
-    EXPECT_TRUE(hd600->isFeatured);
-    EXPECT_FALSE(hd600->filters.empty());
-    EXPECT_EQ(catalog().profile("Sennheiser HD 600"), nullptr);
-    EXPECT_EQ(catalog().profile(""), nullptr);
+    // Looked up by id only, never by name.
     for (const auto& p : catalog().profiles()) EXPECT_EQ(catalog().profile(p.id), &p);
+    EXPECT_EQ(catalog().profile("Sennheiser HD 600"), nullptr);
 }
 
 TEST(BundledProfileCatalog, BrandsKeepMultiWordMakersWhole) {
     const auto brands = catalog().brands();
     const std::set<std::string> set(brands.begin(), brands.end());
     EXPECT_EQ(set.size(), brands.size());
-    for (const char* maker : {"Audio-Technica", "Bang & Olufsen", "Dan Clark Audio", "Final Audio", "Campfire Audio",
-                              "Bowers & Wilkins", "64 Audio", "Ultimate Ears", "Vision Ears", "Sennheiser", "HIFIMAN", "RØDE"})
-        EXPECT_TRUE(set.count(maker)) << maker;
-    for (const char* fragment : {"Dan", "Bang", "Final", "Audio", "Campfire", "Bowers", "64", "Vision", "Ultimate"})
-        EXPECT_FALSE(set.count(fragment)) << fragment;
+    for (const char* maker : {"Bang & Olufsen", "Dan Clark Audio", "64 Audio", "RØDE"}) EXPECT_TRUE(set.count(maker)) << maker;
+    for (const char* fragment : {"Dan", "Bang", "Audio", "64"}) EXPECT_FALSE(set.count(fragment)) << fragment;
     EXPECT_TRUE(std::is_sorted(brands.begin(), brands.end(), [](const std::string& a, const std::string& b) {
         return SearchText::fold(a) < SearchText::fold(b);
     }));
 
-    // Every profile belongs to exactly one brand, and its name begins with that brand.
+    // Every profile belongs to exactly one brand.
     std::size_t total = 0;
-    for (const auto& brand : brands) {
-        const auto models = catalog().models(brand);
-        EXPECT_FALSE(models.empty()) << brand;
-        for (const auto* p : models) EXPECT_EQ(BundledProfileCatalog::brandOf(p->modelName), brand);
-        total += models.size();
-    }
+    for (const auto& brand : brands) total += catalog().models(brand).size();
     EXPECT_EQ(total, catalog().profiles().size());
 }
 
@@ -87,20 +69,15 @@ TEST(BundledProfileCatalog, ModelsOfABrandIgnoreCaseAndSortNumbersByValue) {
     EXPECT_EQ(catalog().models("DAN CLARK AUDIO"), dca);
     EXPECT_EQ(catalog().models("rode").size(), 1u); // accents do not matter either
     EXPECT_TRUE(catalog().models("Dan").empty());
-    EXPECT_TRUE(catalog().models("Nonexistent").empty());
 
     const auto sennheiser = names(catalog().models("Sennheiser"));
     EXPECT_EQ(sennheiser.size(), 50u);
     const auto pos = [&](const char* n) { return std::find(sennheiser.begin(), sennheiser.end(), n) - sennheiser.begin(); };
     EXPECT_LT(pos("Sennheiser HD 58X"), pos("Sennheiser HD 560S"));
-    EXPECT_LT(pos("Sennheiser HD 560S"), pos("Sennheiser HD 600"));
     EXPECT_LT(pos("Sennheiser HD 800"), pos("Sennheiser HD 800 S"));
 
-    EXPECT_EQ(BundledProfileCatalog::brandOf("Dan Clark Audio Ether 2"), "Dan Clark Audio");
     EXPECT_EQ(BundledProfileCatalog::modelOf("Dan Clark Audio Ether 2"), "Ether 2");
-    EXPECT_EQ(BundledProfileCatalog::brandOf("Danish Phones X1"), "Danish");
     EXPECT_EQ(BundledProfileCatalog::brandOf("Final Audiophile 9"), "Final"); // a maker ends at a word boundary
-    EXPECT_EQ(BundledProfileCatalog::brandOf("Koss"), "Koss");
     EXPECT_EQ(BundledProfileCatalog::modelOf("Koss"), "");
 }
 
@@ -111,61 +88,36 @@ TEST(BundledProfileCatalogSearch, EveryTypedWordMatchesTheStartOfAWord) {
               (std::set<std::string>{"Sennheiser HD 600", "Sennheiser HD 630VB", "Sennheiser HD 650", "Sennheiser HD 660 S",
                                      "Superlux HD 651", "Superlux HD 660", "Superlux HD 660 Pro 150 Ohm",
                                      "Superlux HD 662F", "Superlux HD 668B", "Superlux HD 681"}));
-    EXPECT_EQ(nameSet(catalog().search("sundara")),
-              (std::set<std::string>{"HIFIMAN Sundara (post-2020 earpads)", "HIFIMAN Sundara (pre-2020 earpads)",
-                                     "HIFIMAN Sundara Closed-Back"}));
     // Letters and digits split words, whichever way the user types them; "DT 1770" is not "DT 770".
     const std::set<std::string> dt770 = {"Beyerdynamic DT 770 M", "Beyerdynamic DT 770 Pro"};
     EXPECT_EQ(nameSet(catalog().search("dt770")), dt770);
-    EXPECT_EQ(nameSet(catalog().search("DT 770")), dt770);
     EXPECT_EQ(nameSet(catalog().search("beyerdynamic dt-770")), dt770);
     EXPECT_EQ(names(catalog().search("m50x")), std::vector<std::string>{"Audio-Technica ATH-M50x"});
-    EXPECT_EQ(names(catalog().search("ath-m50")), std::vector<std::string>{"Audio-Technica ATH-M50x"});
     // Case and accents never matter.
-    EXPECT_EQ(names(catalog().search("rode")), std::vector<std::string>{"RØDE NTH-100"});
     EXPECT_EQ(names(catalog().search("ERLKÖNIG")), std::vector<std::string>{"Vision Ears Erlkönig"});
     EXPECT_EQ(names(catalog().search("erlkonig")), std::vector<std::string>{"Vision Ears Erlkönig"});
-    EXPECT_EQ(catalog().search("bang olufsen").size(), 3u);
-    EXPECT_EQ(catalog().search("audio technica").size(), 10u);
     // A word matching only the middle of a word does not count.
     EXPECT_TRUE(catalog().search("ennheiser").empty());
-    EXPECT_TRUE(catalog().search("sennheiser zzz").empty());
 }
 
 TEST(BundledProfileCatalogSearch, ExactThenPrefixThenFeaturedThenAlphabetical) {
     // Exact beats a featured prefix match.
     EXPECT_EQ(names(catalog().search("hd 800")), (std::vector<std::string>{"Sennheiser HD 800", "Sennheiser HD 800 S"}));
-    EXPECT_EQ(names(catalog().search("sennheiser hd600")).front(), "Sennheiser HD 600");
     // Among prefix matches the featured come first, then numbers in order of value.
-    const auto hd6 = names(catalog().search("hd 6"));
-    ASSERT_GE(hd6.size(), 4u);
-    EXPECT_EQ(hd6[0], "Sennheiser HD 600");
-    EXPECT_EQ(hd6[1], "Sennheiser HD 650");
-    EXPECT_EQ(hd6[2], "Sennheiser HD 630VB");
-    EXPECT_EQ(hd6[3], "Sennheiser HD 660 S");
-    // "Sundara" leads all three names: the featured one comes first.
-    EXPECT_EQ(names(catalog().search("sundara")).front(), "HIFIMAN Sundara (post-2020 earpads)");
+    const auto hd6 = names(catalog().search("hd 6", 4));
+    EXPECT_EQ(hd6, (std::vector<std::string>{"Sennheiser HD 600", "Sennheiser HD 650", "Sennheiser HD 630VB",
+                                             "Sennheiser HD 660 S"}));
     // A prefix of the model outranks a match further inside the name.
     const auto pro = names(catalog().search("pro"));
     ASSERT_FALSE(pro.empty());
     EXPECT_EQ(BundledProfileCatalog::modelOf(pro.front()).substr(0, 3), "Pro") << pro.front();
-    // Results are stable from call to call and the limit cuts the same ranking.
-    const auto all = catalog().search("hd 6");
-    EXPECT_EQ(catalog().search("hd 6"), all);
-    EXPECT_EQ(catalog().search("hd 6", 3), std::vector<const HeadphoneProfile*>(all.begin(), all.begin() + 3));
-    EXPECT_TRUE(catalog().search("hd 6", 0).empty());
 }
 
 TEST(BundledProfileCatalogSearch, EmptyTextListsTheFeaturedProfiles) {
     const auto featured = catalog().search("");
-    std::size_t expected = 0;
-    for (const auto& p : catalog().profiles()) expected += p.isFeatured;
-    EXPECT_EQ(expected, 47u);
-    ASSERT_EQ(featured.size(), expected);
+    ASSERT_EQ(featured.size(), 47u);
     for (const auto* p : featured) EXPECT_TRUE(p->isFeatured) << p->modelName;
-    EXPECT_EQ(catalog().search("   "), featured);
     EXPECT_EQ(catalog().search(" - "), featured);
-    EXPECT_EQ(catalog().search("", 5).size(), 5u);
 }
 
 TEST(BundledProfileCatalogLoading, ReportsAMissingOrDamagedCatalogueClearly) {
@@ -209,19 +161,10 @@ TEST(BundledProfileCatalogLoading, DataFolderFromTheEnvironmentIsTheOnlyPlaceLoo
     EXPECT_TRUE(fs::exists(BundledProfileCatalog::locateCatalogFile()));
 }
 
-TEST(SearchText, FoldsCaseAndLatinAccentsAndSplitsLettersFromDigits) {
-    EXPECT_EQ(SearchText::fold("RØDE Erlkönig Ærø Straße ÉCOLE"), "rode erlkonig aero strasse ecole");
-    EXPECT_EQ(SearchText::fold("日本 Ünï"), "日本 uni");
-    EXPECT_EQ(SearchText::tokens("wh-1000xm4 (anc on)"), (std::vector<std::string>{"wh", "1000", "xm", "4", "anc", "on"}));
-    EXPECT_EQ(SearchText::compact("Sennheiser HD 25-1 II"), "sennheiserhd251ii");
-    EXPECT_EQ(SearchText::fold(std::string("bad \xC3 end")), "bad \xC3 end"); // broken UTF-8 passes through
+TEST(SearchText, FoldsLatinLettersAndLetsBrokenUtf8PassThrough) {
+    EXPECT_EQ(SearchText::fold("RØDE Ærø Straße ÉCOLE"), "rode aero strasse ecole");
+    EXPECT_EQ(SearchText::fold(std::string("bad \xC3 end")), "bad \xC3 end");
 }
-
-} // namespace
-} // namespace tarn
-
-namespace tarn {
-namespace {
 
 TEST(HeadphoneProfileJSON, AbsentOptionalsAreOmittedAndWearStylesUseTheirRawValues) {
     HeadphoneProfile bare;
@@ -236,17 +179,9 @@ TEST(HeadphoneProfileJSON, AbsentOptionalsAreOmittedAndWearStylesUseTheirRawValu
     EXPECT_EQ(written["type"], "fixedBand");
     EXPECT_EQ(json::parse(written.dump()).get<HeadphoneProfile>(), bare);
 
-    const std::pair<const char*, HeadphoneWearStyle> styles[] = {{"in-ear", HeadphoneWearStyle::inEar},
-                                                                 {"over-ear", HeadphoneWearStyle::overEar},
-                                                                 {"on-ear", HeadphoneWearStyle::onEar},
-                                                                 {"earbud", HeadphoneWearStyle::earbud}};
-    for (const auto& [raw, style] : styles) {
-        json j = written;
-        j["wearStyle"] = raw;
-        const auto decoded = j.get<HeadphoneProfile>();
-        EXPECT_EQ(decoded.wearStyle, style);
-        EXPECT_EQ(json(decoded)["wearStyle"], raw);
-    }
+    json j = written;
+    j["wearStyle"] = "on-ear";
+    EXPECT_EQ(j.get<HeadphoneProfile>().wearStyle, HeadphoneWearStyle::onEar);
     json overEar = written;
     overEar["wearStyle"] = "overEar";
     EXPECT_ANY_THROW(overEar.get<HeadphoneProfile>());
