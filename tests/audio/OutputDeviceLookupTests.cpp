@@ -10,10 +10,9 @@ namespace {
 using test::SimulatedAudioPlatform;
 using Step = SimulatedAudioPlatform::Step;
 
-TEST(OutputDeviceLookup, LayoutDescriptions) {
-    const std::pair<int, const char*> layouts[] = {{1, "Mono"}, {2, "Stereo"}, {4, "4 ch"},    {6, "5.1"},
-                                                   {8, "7.1"},  {10, "7.1.2"}, {12, "7.1.4"}, {16, "16 ch"}};
-    for (auto [channels, name] : layouts) EXPECT_EQ(OutputDeviceLookup::layoutDescription(channels), name);
+TEST(OutputDeviceLookup, LayoutsWithoutANameShowTheirChannelCount) {
+    EXPECT_EQ(OutputDeviceLookup::layoutDescription(12), "7.1.4");
+    EXPECT_EQ(OutputDeviceLookup::layoutDescription(4), "4 ch");
 }
 
 TEST(OutputDeviceLookup, StreamSelection) {
@@ -24,7 +23,6 @@ TEST(OutputDeviceLookup, StreamSelection) {
     EXPECT_EQ(OutputDeviceLookup::selectStream(streams, std::nullopt, false)->streamIndex, 2u) << "most channels, lowest index";
     std::vector<OutputDeviceStreamInfo> surroundOnly{{0, 6, "5.1"}};
     EXPECT_FALSE(OutputDeviceLookup::selectStream(surroundOnly, std::nullopt, true));
-    EXPECT_FALSE(OutputDeviceLookup::selectStream({}, std::nullopt, false));
 }
 
 struct Lookup : ::testing::Test {
@@ -41,16 +39,20 @@ struct Lookup : ::testing::Test {
 TEST_F(Lookup, ResolvesRouteFormats) {
     EXPECT_EQ(lookup.resolveRouteFormat(std::nullopt, std::nullopt, false),
               (RouteAudioFormat{41, "speakers", 0u, 2, "Stereo", RouteCaptureMode::multichannelStream}));
-    EXPECT_EQ(lookup.resolveRouteFormat("", std::nullopt, false)->outputDeviceID, 41u);
     EXPECT_EQ(lookup.resolveRouteFormat("surround", std::nullopt, false),
               (RouteAudioFormat{42, "surround", 1u, 6, "5.1", RouteCaptureMode::multichannelStream}))
         << "the unreadable stream 0 is skipped but keeps its position";
     EXPECT_EQ(lookup.resolveRouteFormat("surround", std::nullopt, true),
               (RouteAudioFormat{42, "surround", std::nullopt, 2, "Stereo Fallback", RouteCaptureMode::stereoFallback}));
-    EXPECT_EQ(lookup.resolveRouteFormat("silent", std::nullopt, false),
-              (RouteAudioFormat{43, "silent", std::nullopt, 2, "Stereo Fallback", RouteCaptureMode::stereoFallback}));
+    EXPECT_EQ(lookup.resolveRouteFormat("silent", std::nullopt, false)->captureMode, RouteCaptureMode::stereoFallback);
     EXPECT_FALSE(lookup.resolveRouteFormat("surround", 0u, false)) << "a saved stream that no longer exists";
     EXPECT_FALSE(lookup.resolveRouteFormat("unplugged", std::nullopt, false));
+
+    auto devices = lookup.outputDevices();
+    ASSERT_EQ(devices.size(), 3u);
+    EXPECT_EQ(devices[0], (OutputDeviceInfo{41, "speakers", "Test Speakers", true, {{0, 2, "Stereo"}}}));
+    EXPECT_FALSE(devices[1].isDefault);
+    EXPECT_EQ(lookup.name("surround"), "Test Surround");
 }
 
 TEST_F(Lookup, FailedReadsMeanNotThere) {
@@ -62,35 +64,21 @@ TEST_F(Lookup, FailedReadsMeanNotThere) {
     EXPECT_TRUE(lookup.outputDevices().empty());
 }
 
-TEST_F(Lookup, ListsDevicesWithTheDefaultMarked) {
-    auto devices = lookup.outputDevices();
-    ASSERT_EQ(devices.size(), 3u);
-    EXPECT_EQ(devices[0], (OutputDeviceInfo{41, "speakers", "Test Speakers", true, {{0, 2, "Stereo"}}}));
-    EXPECT_FALSE(devices[1].isDefault);
-    EXPECT_EQ(devices[1].streams, (std::vector<OutputDeviceStreamInfo>{{1, 6, "5.1"}}));
-    EXPECT_EQ(lookup.name("surround"), "Test Surround");
-    EXPECT_FALSE(lookup.name("unplugged"));
-}
-
 TEST_F(Lookup, BufferPolicyApplyClampsAndReadsBack) {
     EXPECT_EQ(IOBufferPolicy::apply(512, 0, platform), std::nullopt);
     EXPECT_TRUE(platform.calls().empty()) << "no device, nothing touched";
-
-    // Device range 16...8192: 8000 is capped at 4096.
     EXPECT_EQ(IOBufferPolicy::apply(8000, 41, platform), 4096u);
     EXPECT_EQ(platform.bufferFramesOf(41), 4096u);
 
     platform.forceGrantedBufferFrames(1024);
     EXPECT_EQ(IOBufferPolicy::apply(512, 41, platform), 1024u) << "the size in force, not the size asked";
-
     platform.forceGrantedBufferFrames(std::nullopt);
+
     platform.fail(Step::bufferFrameSizeRange, -5);
     EXPECT_EQ(IOBufferPolicy::apply(8000, 41, platform), 8000u) << "no range: asked unchanged";
-
     platform.clearFailures();
     platform.fail(Step::bufferFrameSize, -5);
     EXPECT_EQ(IOBufferPolicy::apply(256, 41, platform), 256u) << "read-back failed: what was set";
-
     platform.clearFailures();
     platform.fail(Step::setBufferFrameSize, -16);
     EXPECT_EQ(IOBufferPolicy::apply(256, 41, platform), std::nullopt);
