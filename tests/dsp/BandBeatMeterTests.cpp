@@ -23,9 +23,6 @@ TEST(BandBeatMeter, OneKilohertzLiftsMostlyItsOwnBandToTheInputLevel) {
     for (int b = 0; b < 9; ++b) {
         const double r = std::tan(pi * 1000 / 48000) / std::tan(pi * BandBeatMeter::centerFrequenciesHz[b] / 48000);
         EXPECT_NEAR(peaks[b], 0.5 / std::sqrt(1 + (r - 1 / r) * (r - 1 / r)), 0.01) << b;
-        if (b != 5) {
-            EXPECT_LT(peaks[b], 0.6 * peaks[5]) << b;
-        }
     }
 }
 
@@ -57,9 +54,6 @@ TEST(BandBeatMeter, SilenceAndDisablingDecayEveryBand) {
     meter.setEnabled(false);
     meter.processBlock(x.data(), 9600, 1);
     EXPECT_NEAR(meter.currentPeaks()[5], before * std::exp(-2.0), 1e-9);
-    std::array<double, 10> into{};
-    meter.readPeaks(into);
-    EXPECT_EQ(into[5], meter.currentPeaks()[5]);
 }
 
 } // namespace

@@ -58,8 +58,8 @@ void expectSameBits(const std::vector<float>& a, const std::vector<float>& b, co
 
 TEST(SectionCascade, VectorPathIsBitIdenticalToSectionBySectionProcessing) {
     for (int pair : {1, 2}) {
-        for (int count : {1, 3, 10, 30, 33, 64, 65, 130}) {
-            for (int frames : {1, 5, 31, 512, 1001}) {
+        for (int count : {1, 3, 33, 65, 130}) {
+            for (int frames : {1, 31, 1001}) {
                 const int stride = 6, first = 3;
                 Cascade vec(count, stride), ref(count, stride);
                 auto a = musicLike(frames * 2, stride, 0.8, unsigned(count * 31 + frames)), b = a;
@@ -107,7 +107,7 @@ HeadphoneProfile profile(int filters, double preampDb, double shift) {
 // The whole route, vector cascade against every stage's own per-channel processBlock, on a
 // signal loud enough to drive the limiter and the headroom, with uneven blocks and live edits.
 TEST(SectionCascade, RouteChainOutputDoesNotDependOnThePath) {
-    for (int channels : {1, 2, 3, 6}) {
+    for (int channels : {1, 3, 6}) {
         RouteDSPChain vec(channels, 48000), ref(channels, 48000);
         ref.setVectorCascadeEnabled(false);
         auto both = [&](auto&& edit) { edit(vec), edit(ref); };
