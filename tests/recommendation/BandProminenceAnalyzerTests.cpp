@@ -61,16 +61,6 @@ void expectProminence(const ProminenceSnapshot& snap, const std::array<double, 1
     for (int b = 0; b < 10; ++b) EXPECT_NEAR(snap.prominenceDb[b], expected[b], tol) << "band " << b;
 }
 
-TEST(BandProminenceAnalyzer, HannWindowIsTheNormalisedPeriodicForm) {
-    const auto w = BandProminenceAnalyzer::hannWindow();
-    double meanSquare = 0;
-    for (float v : w) meanSquare += double(v) * v;
-    EXPECT_NEAR(meanSquare / N, 1.0, 1e-6);
-    EXPECT_EQ(w[0], 0.0f);
-    EXPECT_NEAR(w[N / 2], 2 * std::sqrt(2.0 / 3.0), 1e-6);
-    EXPECT_NEAR(w[N / 4], std::sqrt(2.0 / 3.0), 1e-6);
-}
-
 TEST(BandProminenceAnalyzer, BandPowersOfASineFollowParseval) {
     // A sine of amplitude A puts N²·A²/4 into the bins around it (the window's mean square is 1).
     const double rate = 48000, A = 0.5;
@@ -80,27 +70,7 @@ TEST(BandProminenceAnalyzer, BandPowersOfASineFollowParseval) {
     EXPECT_NEAR(levels[5], 10 * std::log10(double(N) * N * A * A / 4), 0.05);
     for (int b : {0, 1, 2, 8, 9}) EXPECT_LT(levels[b], levels[5] - 60) << b;
 
-    const auto silent = BandProminenceAnalyzer::bandPowersDb(std::vector<float>(100, 0.0f), rate);
-    for (double l : silent) EXPECT_EQ(l, -120.0);
-    const auto nothing = BandProminenceAnalyzer::bandPowersDb({}, rate);
-    EXPECT_EQ(nothing[4], -120.0);
-}
-
-TEST(BandProminenceAnalyzer, UsableRangeEndsAt98PercentOfNyquist) {
-    // At 44.1 kHz the 16 kHz band ends at 0.98 × 22050 = 21609 Hz.
-    const double rate = 44100;
-    auto toneLevels = [&](double hz) {
-        std::vector<float> tone(2 * N);
-        for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = float(0.5 * std::sin(2 * M_PI * hz * i / rate));
-        return BandProminenceAnalyzer::bandPowersDb(tone, rate);
-    };
-    const double full = 10 * std::log10(double(N) * N * 0.25 / 4);
-    EXPECT_NEAR(toneLevels(21000)[9], full, 0.1);
-    EXPECT_LT(toneLevels(21800)[9], full - 60);
-    // At 16 kHz the 16 kHz band (from 11.3 kHz) lies wholly above the usable 7.84 kHz.
-    const auto low = BandProminenceAnalyzer::bandPowersDb(std::vector<float>(N, 0.1f), 16000);
-    EXPECT_TRUE(std::isnan(low[9]));
-    EXPECT_FALSE(std::isnan(low[8]));
+    EXPECT_EQ(BandProminenceAnalyzer::bandPowersDb(std::vector<float>(100, 0.0f), rate)[4], -120.0);
 }
 
 TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
@@ -138,7 +108,6 @@ TEST(BandProminenceAnalyzer, SilenceIsNeverAnalysed) {
     for (int i = 0; i < N; ++i) faint[i] = (i % 2 ? 1 : -1) * 0.0000999f;
     feed(*analyzer, faint, 3);
     EXPECT_EQ(analyzer->snapshot(), ProminenceSnapshot::empty());
-    EXPECT_EQ(analyzer->snapshot().analyzedSeconds, 0.0);
     // Just over it, and the snapshot appears.
     for (float& v : faint) v *= 1.01f;
     feed(*analyzer, faint, 1);
@@ -150,13 +119,10 @@ TEST(BandProminenceAnalyzer, ConfidenceArrivesAtFourSecondsAnalysed) {
     auto analyzer = startedAnalyzer(rate);
     const auto period = pink(rate).period();
     feed(*analyzer, period, 46);
-    auto snap = analyzer->snapshot();
-    EXPECT_NEAR(snap.analyzedSeconds, 46 * w, 1e-9);
-    EXPECT_FALSE(snap.isConfident);
+    EXPECT_FALSE(analyzer->snapshot().isConfident);
     feed(*analyzer, period, 1);
-    snap = analyzer->snapshot();
-    EXPECT_NEAR(snap.analyzedSeconds, 47 * w, 1e-9);
-    EXPECT_TRUE(snap.isConfident);
+    EXPECT_NEAR(analyzer->snapshot().analyzedSeconds, 47 * w, 1e-9);
+    EXPECT_TRUE(analyzer->snapshot().isConfident);
     EXPECT_NEAR(analyzer->songClockSeconds(), 47 * w, 1e-9);
 }
 
@@ -187,7 +153,6 @@ TEST(BandProminenceAnalyzer, SmoothingWeighsTheTimeEachWindowStandsFor) {
 
     // Reset forgets everything: the next window is a first fill again.
     analyzer->reset();
-    EXPECT_EQ(analyzer->snapshot(), ProminenceSnapshot::empty());
     EXPECT_EQ(analyzer->songClockSeconds(), 0.0);
     feed(*analyzer, b.period(), 1);
     expectProminence(analyzer->snapshot(), expectedProminence(pb), 0.01);
@@ -201,7 +166,6 @@ TEST(BandProminenceAnalyzer, BandsAboveTheUsableRangeStayAtZero) {
     auto analyzer = startedAnalyzer(rate);
     feed(*analyzer, sig.period(), 5);
     const auto snap = analyzer->snapshot();
-    ASSERT_EQ(snap.prominenceDb.size(), 10u);
     EXPECT_EQ(snap.prominenceDb[9], 0.0);
     expectProminence(snap, expectedProminence(bandPowers(sig.windowedPower(), rate)), 0.01);
 }
@@ -214,8 +178,6 @@ TEST(BandProminenceAnalyzer, AQuietBandIsExactlyZeroAndOutOfTheMedian) {
     auto analyzer = startedAnalyzer(rate);
     feed(*analyzer, m.period(), 3);
     const auto expected = expectedProminence(bandPowers(m.windowedPower(), rate));
-    EXPECT_EQ(expected[0], 0.0); // the closed form says these bands are silent
-    EXPECT_EQ(expected[2], 0.0);
     const auto snap = analyzer->snapshot();
     // The float FFT leaves a little rounding noise in empty bins; far below −110 dB it is silence.
     EXPECT_EQ(snap.prominenceDb[0], 0.0);
@@ -227,7 +189,6 @@ TEST(BandProminenceAnalyzer, TrackModeAnalysesOneWindowPerSongSecond) {
     const double rate = 48000, w = N / rate;
     auto analyzer = startedAnalyzer(rate);
     analyzer->setMode(BandProminenceAnalyzer::Mode::track);
-    EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::track);
     const auto period = pink(rate).period();
     // Windows start at 0, w, 2w, … (w = 85.3 ms): seconds 0, 1 and 2 each get one analysis
     // over 35 windows (2.99 s).
@@ -236,7 +197,6 @@ TEST(BandProminenceAnalyzer, TrackModeAnalysesOneWindowPerSongSecond) {
 
     // Recording a timeline needs every window: track is taken as settle.
     analyzer->setTimelineRecording(true);
-    EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::settle);
     analyzer->setMode(BandProminenceAnalyzer::Mode::track);
     EXPECT_EQ(analyzer->currentMode(), BandProminenceAnalyzer::Mode::settle);
     feed(*analyzer, period, 5);
@@ -281,7 +241,6 @@ TEST(BandProminenceAnalyzer, TimelineStopsAt600Seconds) {
     feed(*analyzer, period, periods, 1, 4096);
     const auto timeline = analyzer->timelineSnapshot();
     ASSERT_EQ(timeline.size(), 600u);
-    EXPECT_TRUE(timeline[0]);
     EXPECT_TRUE(timeline[599]);
     EXPECT_GT(analyzer->snapshot().analyzedSeconds, 609.0); // the analysis itself goes on
 }
@@ -295,7 +254,6 @@ TEST(AnalysisTap, MixesDownInChunksAndKeepsTheSongClock) {
     }
     tap.write(stereo.data(), 10000, 2); // disabled: ignored
     EXPECT_EQ(tap.framesObserved(), 0);
-    EXPECT_EQ(tap.ring().availableFramesToRead(), 0);
 
     tap.setEnabled(true);
     tap.write(stereo.data(), 10000, 2);
@@ -304,7 +262,6 @@ TEST(AnalysisTap, MixesDownInChunksAndKeepsTheSongClock) {
     ASSERT_EQ(tap.ring().read(mono.data(), 10000), 10000);
     for (int i = 0; i < 10000; ++i) ASSERT_EQ(mono[i], float(i) + 0.5f) << i;
 
-    tap.write(stereo.data(), 100, 0); // no channels: ignored
     tap.setClockPaused(true);
     tap.write(stereo.data(), 100, 2);
     EXPECT_EQ(tap.framesObserved(), 10000);
@@ -316,8 +273,6 @@ TEST(AnalysisTap, MixesDownInChunksAndKeepsTheSongClock) {
     tap.write(big.data(), 40000, 2);
     EXPECT_EQ(tap.framesObserved(), 50000);
     EXPECT_EQ(tap.ring().availableFramesToRead(), AnalysisTap::defaultFrameCapacity - 1);
-    tap.resetFramesObserved();
-    EXPECT_EQ(tap.framesObserved(), 0);
 }
 
 } // namespace

@@ -41,32 +41,16 @@ BandRecommendation songBand(const RecommendationInput& in, int band) {
 
 BandRecommendation rec(int band, double gainDb, Reasons rationale) { return {band, gainDb, std::move(rationale)}; }
 
-TEST(RecommendationRuleEngine, BandNames) {
-    EXPECT_EQ(Engine::bandName(0), "sub-bass (31 Hz)");
-    EXPECT_EQ(Engine::bandName(3), "low mids (250 Hz)");
-    EXPECT_EQ(Engine::bandName(9), "air (16 kHz)");
-    EXPECT_EQ(Engine::bandName(10), "band 10");
-    EXPECT_EQ(Engine::bandName(-1), "band -1");
-}
-
 TEST(RecommendationRuleEngine, NothingFiresOnANeutralSetup) {
     const auto recs = Engine::recommend(quietInput(), RecommendationScope::song);
     ASSERT_EQ(recs.size(), 10u);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(recs[i].bandIndex, i);
-        EXPECT_EQ(recs[i].gainDb, 0.0);
-        EXPECT_EQ(recs[i].rationale, Reasons{"neutral — no rule fired"});
-    }
-}
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(recs[i], rec(i, 0.0, {"neutral — no rule fired"}));
 
-TEST(RecommendationRuleEngine, ShortListsArePaddedWithZeros) {
+    // Short lists are padded with zeros.
     RecommendationInput in;
     in.prominenceConfident = true;
     in.prominenceDb = {4.0}; // only 31 Hz known
-    const auto recs = Engine::recommend(in, RecommendationScope::song);
-    ASSERT_EQ(recs.size(), 10u);
-    EXPECT_EQ(recs[0].gainDb, 2.0); // S2
-    EXPECT_EQ(recs[5].rationale, Reasons{"neutral — no rule fired"});
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::song)[0].gainDb, 2.0); // S2
 }
 
 TEST(RecommendationRuleEngine, NonFiniteInputsCountAsZero) {
@@ -82,21 +66,31 @@ TEST(RecommendationRuleEngine, NonFiniteInputsCountAsZero) {
         }
 }
 
-TEST(RecommendationRuleEngine, S0DampensOverDeliveredBands) {
-    EXPECT_EQ(songBand(withBand(4, 9.0, 3.0), 4),
-              rec(4, -1.0, {"S0: mids (500 Hz) is over-delivered on this setup (song 9.0, headphone 3.0 = +12.0 combined) "
-                            "→ dampened"}));
-    EXPECT_EQ(songBand(withBand(4, 14.0, 3.0), 4).gainDb, -4.0);  // exactly the floor
-    EXPECT_EQ(songBand(withBand(4, 20.0, 3.0), 4).gainDb, -4.0);  // never below it
-    EXPECT_EQ(songBand(withBand(4, 11.0, 3.0), 4).gainDb, -3.0);  // −2.5 rounds away from zero
-    // A negative headphone figure is printed with its own sign.
-    EXPECT_EQ(songBand(withBand(4, 15.0, -1.0), 4).rationale.front(),
-              "S0: mids (500 Hz) is over-delivered on this setup (song 15.0, headphone -1.0 = +14.0 combined) → "
-              "dampened");
-}
+TEST(RecommendationRuleEngine, SongRulesOnASingleBand) {
+    struct Case { int band; double p, d; BandRecommendation expected; };
+    const Case cases[] = {
+        {4, 9.0, 3.0, rec(4, -1.0, {"S0: mids (500 Hz) is over-delivered on this setup (song 9.0, headphone 3.0 = "
+                                    "+12.0 combined) → dampened"})},
+        {4, 20.0, 3.0, rec(4, -4.0, {"S0: mids (500 Hz) is over-delivered on this setup (song 20.0, headphone 3.0 = "
+                                     "+23.0 combined) → dampened"})}, // never below the floor
+        // p + d = 10: headroom 2/3 tempers 7 to 4.67, and G8 then leaves only 12 − 10 = 2 dB of room.
+        {4, 12.5, -2.5, rec(4, 2.0, {"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers "
+                                     "it (-2.5 dB) → strong boost (tempered — the track is already hot here)",
+                                     "G8: mids (500 Hz) already runs +10.0 dB hot — boost limited to +2.0"})},
+        {4, 4.0, 0.0, rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost"})},
+        // p = 10: headroom 2/3 of 3 dB is exactly the 2 dB of room G8 allows, so G8 stays silent.
+        {4, 10.0, 0.0, rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost (tempered)"})},
+        {4, 5.0, 3.0, rec(4, -1.0, {"S3: mids (500 Hz) is prominent but your headphone already over-delivers it "
+                                    "(+3.0 dB) → slight cut"})},
+        {7, -3.0, 0.0, rec(7, -3.0, {"S5: definition (4 kHz) is not prominent in this song → −3"})},
+        {7, -6.9, -4.0, rec(7, -3.0, {"S5: definition (4 kHz) is not prominent in this song → −3"})},
+        {7, -8.0, 0.0, rec(7, -4.0, {"S6: definition (4 kHz) is nearly absent in this song → cut"})},
+        {7, -7.0, -3.0, rec(7, -2.0, {"S6: definition (4 kHz) is nearly absent in this song → cut (softened — "
+                                      "headphone is weak here too)"})},
+    };
+    for (const auto& c : cases) EXPECT_EQ(songBand(withBand(c.band, c.p, c.d), c.band), c.expected) << c.p << " " << c.d;
 
-TEST(RecommendationRuleEngine, S1BoostsProminentBandsTheHeadphoneMisses) {
-    // Neighbours on the same S1 boost keep the smoothing guard out of the way.
+    // S1 untempered: neighbours on the same boost keep the smoothing guard out of the way.
     auto in = quietInput();
     for (int band : {3, 4, 5}) {
         in.prominenceDb[band] = 4.0;
@@ -104,42 +98,6 @@ TEST(RecommendationRuleEngine, S1BoostsProminentBandsTheHeadphoneMisses) {
     }
     EXPECT_EQ(songBand(in, 4), rec(4, 7.0, {"S1: mids (500 Hz) is prominent in this song and your headphone "
                                             "under-delivers it (-2.5 dB) → strong boost"}));
-    // 4 + 1.2 × 6 = 11.2 is held at 10 before any guard.
-    in.prominenceDb[4] = 3.0;
-    in.headphone.deviationDb[4] = -6.0;
-    EXPECT_EQ(songBand(in, 4).gainDb, 10.0);
-
-    // p + d = 10: headroom 2/3 tempers 7 to 4.67, and G8 then leaves only 12 − 10 = 2 dB of room.
-    EXPECT_EQ(songBand(withBand(4, 12.5, -2.5), 4),
-              rec(4, 2.0, {"S1: mids (500 Hz) is prominent in this song and your headphone under-delivers it (-2.5 dB) → "
-                           "strong boost (tempered — the track is already hot here)",
-                           "G8: mids (500 Hz) already runs +10.0 dB hot — boost limited to +2.0"}));
-}
-
-TEST(RecommendationRuleEngine, S2LightBoostAndItsTempering) {
-    EXPECT_EQ(songBand(withBand(4, 4.0, 0.0), 4), rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost"}));
-    EXPECT_EQ(songBand(withBand(4, 6.0, 2.0), 4).gainDb, 3.0);
-    // p = 10: headroom 2/3 of 3 dB is exactly the 2 dB of room G8 allows, so G8 stays silent.
-    EXPECT_EQ(songBand(withBand(4, 10.0, 0.0), 4),
-              rec(4, 2.0, {"S2: mids (500 Hz) is prominent in this song → light boost (tempered)"}));
-}
-
-TEST(RecommendationRuleEngine, S3AlwaysCutsOneDbWhenTheHeadphoneIsAlreadyHot) {
-    for (double d : {2.5, 3.0, 5.0}) {
-        auto r = songBand(withBand(4, 5.0, d), 4);
-        EXPECT_EQ(r.gainDb, -1.0) << d;
-    }
-    EXPECT_EQ(songBand(withBand(4, 5.0, 3.0), 4).rationale,
-              Reasons{"S3: mids (500 Hz) is prominent but your headphone already over-delivers it (+3.0 dB) → slight "
-                      "cut"});
-}
-
-TEST(RecommendationRuleEngine, S5AndS6CutRecessedBands) {
-    EXPECT_EQ(songBand(withBand(7, -8.0, 0.0), 7), rec(7, -4.0, {"S6: definition (4 kHz) is nearly absent in this song → cut"}));
-    EXPECT_EQ(songBand(withBand(7, -7.0, -3.0), 7),
-              rec(7, -2.0, {"S6: definition (4 kHz) is nearly absent in this song → cut (softened — headphone is weak here too)"}));
-    EXPECT_EQ(songBand(withBand(7, -3.0, 0.0), 7), rec(7, -3.0, {"S5: definition (4 kHz) is not prominent in this song → −3"}));
-    EXPECT_EQ(songBand(withBand(7, -6.9, -4.0), 7).gainDb, -3.0); // S5 ignores the headphone
 }
 
 TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHeadphoneCompensation) {
@@ -150,8 +108,6 @@ TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHe
     in.userBiasDb[7] = 1.0;
     EXPECT_EQ(songBand(in, 7), rec(7, 3.0, {s4, "P1: your usual preference at definition (4 kHz) (+1.0)"}));
 
-    in.userBiasDb[7] = 0.4; // below the preference threshold: ignored
-    EXPECT_EQ(songBand(in, 7).gainDb, 2.0);
 
     // H1: min(0.8 × 6, 4) + 0.5 × 4 − 1.0 = 5.
     in.userBiasDb[7] = -1.0;
@@ -190,8 +146,6 @@ TEST(RecommendationRuleEngine, TasteLayerFollowsTheCurveAndCompensatesMoreFirmly
     in.headphone.deviationDb[4] = 6.0;
     EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4].gainDb, -4.0); // 0 − min(4.8, 4)
     EXPECT_EQ(songBand(in, 4).gainDb, -3.0);                                       // 0 − min(3.6, 3)
-    in.headphone.deviationDb[4] = 3.0;
-    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[4].gainDb, -2.0); // 2.4 rounds to 2
 
     // Taste scope ignores the song entirely, confident or not.
     in = withBand(4, -9.0, 0.0);
@@ -207,17 +161,13 @@ TEST(RecommendationRuleEngine, LearnedCurveIsTheTasteAndItsProvenanceNamesIt) {
     EXPECT_EQ(recs[5].gainDb, 3.0);
     EXPECT_EQ(recs[5].rationale, Reasons{"T1: your listening leans this song's memory curve at upper mids (1 kHz)"});
     EXPECT_EQ(recs[7].gainDb, 0.0); // the rock curve is not used at all
-}
 
-TEST(RecommendationRuleEngine, GenreDisplayNameAndTargetCurveOverrideThePreset) {
-    auto in = quietInput();
-    in.genre = GenrePreset::rock;
+    // Without one, a genre's own name and curve override the preset's.
+    in.learnedWarmupCurveDb.reset();
     in.genreDisplayName = "Garage Rock";
     in.genreTargetCurveDb = std::vector<double>{0, 0, 0, 0, 0, 0, 0, -2.0};
-    const auto recs = Engine::recommend(in, RecommendationScope::taste);
-    EXPECT_EQ(recs[7].gainDb, -2.0);
-    EXPECT_EQ(recs[7].rationale, Reasons{"T1: your listening leans Garage Rock curve at definition (4 kHz)"});
-    EXPECT_EQ(recs[6].gainDb, 0.0);
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[7],
+              rec(7, -2.0, {"T1: your listening leans Garage Rock curve at definition (4 kHz)"}));
 }
 
 TEST(RecommendationRuleEngine, SongScopeWarmsUpOnTheTasteLayer) {
@@ -239,15 +189,7 @@ TEST(RecommendationRuleEngine, GenreLeanAddsTheSignatureMinusWhatTheCurveAlready
     EXPECT_EQ(recs[0], rec(0, 3.0, {"S4: song is neutral at sub-bass (31 Hz) → half-weight taste curve"}));
     EXPECT_EQ(recs[1], rec(1, 3.0, {"S4: song is neutral at bass (62 Hz) → half-weight taste curve",
                                     "GN1: Hip-Hop leans on bass (62 Hz) → +0.5 dB genre lean"}));
-    // 500 Hz has no signature: nothing added.
-    EXPECT_EQ(recs[4].rationale.front().rfind("S4", 0), 0u);
-    EXPECT_EQ(recs[4].rationale.size(), 1u);
-
-    // A prominent band is not already lifted by the curve: the full lean applies.
-    in.prominenceDb[0] = 4.0;
-    recs = Engine::recommend(in, RecommendationScope::song);
-    EXPECT_EQ(recs[0].gainDb, 5.0); // S2 2 + lean 3
-    EXPECT_EQ(recs[0].rationale.back(), "GN1: Hip-Hop leans on sub-bass (31 Hz) → +3.0 dB genre lean");
+    EXPECT_EQ(recs[4].rationale.size(), 1u); // 500 Hz has no signature: nothing added
 
     // p + d ≥ 9 skips the band.
     in.prominenceDb[0] = 6.0;
@@ -263,26 +205,8 @@ TEST(RecommendationRuleEngine, GenreLeanAddsTheSignatureMinusWhatTheCurveAlready
     in.prominenceDb[5] = 12.0;
     recs = Engine::recommend(in, RecommendationScope::song);
     EXPECT_EQ(recs[5].rationale.back(), "GN1: Hip-Hop leans on upper mids (1 kHz) → +1.0 dB genre lean"); // 2 − 1
-}
-
-TEST(RecommendationRuleEngine, NoGenreLeanWithoutWeightSignatureOrInTasteScope) {
-    auto hasLean = [](const std::vector<BandRecommendation>& recs) {
-        for (const auto& r : recs)
-            for (const auto& reason : r.rationale)
-                if (reason.rfind("GN1", 0) == 0) return true;
-        return false;
-    };
-    auto in = quietInput();
-    in.prominenceDb.assign(10, 4.0);
-    in.genre = GenrePreset::trap;
-    in.genreLeanWeight = 1.0;
-    EXPECT_TRUE(hasLean(Engine::recommend(in, RecommendationScope::song)));
-    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::taste)));
-    in.genreLeanWeight = 0.0;
-    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::song)));
-    in.genreLeanWeight = 1.0;
-    in.genre = GenrePreset::classical; // all-zero signature
-    EXPECT_FALSE(hasLean(Engine::recommend(in, RecommendationScope::song)));
+    // The taste layer never leans.
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[5].rationale.back().rfind("GN1", 0), std::string::npos);
 }
 
 TEST(RecommendationRuleEngine, G5SmoothsSteepNeighbourSteps) {
@@ -291,7 +215,6 @@ TEST(RecommendationRuleEngine, G5SmoothsSteepNeighbourSteps) {
     EXPECT_EQ(recs[0].gainDb, 8.0);
     EXPECT_EQ(recs[0].rationale.back(), "G5: smoothed toward bass (62 Hz)");
     EXPECT_EQ(recs[1], rec(1, 2.0, {"G5: smoothed toward sub-bass (31 Hz)"}));
-    EXPECT_EQ(recs[2].gainDb, 0.0); // 2 → 0 is within 6 dB
 
     // A step of exactly 6 dB is left alone.
     in = quietInput();
@@ -319,12 +242,8 @@ TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
               rec(8, -3.0, {"S3: brilliance (8 kHz) is prominent but your headphone already over-delivers it (+3.0 dB) → "
                             "slight cut",
                             "G2: song and headphone are both hot at brilliance (8 kHz) → cut to protect against harshness"}));
-    // S0 at p + d = 14 gives −2.5, still above −3: G2 cuts further.
-    auto r = songBand(withBand(9, 11.0, 3.0), 9);
-    EXPECT_EQ(r.gainDb, -3.0);
-    EXPECT_EQ(r.rationale.size(), 2u);
     // Already at −4 (S0 with p + d = 17): G2 leaves it.
-    r = songBand(withBand(9, 14.0, 3.0), 9);
+    auto r = songBand(withBand(9, 14.0, 3.0), 9);
     EXPECT_EQ(r.gainDb, -4.0);
     EXPECT_EQ(r.rationale.size(), 1u);
     // Not confident: the hot-treble cut does not apply.
@@ -333,9 +252,8 @@ TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
 }
 
 TEST(RecommendationRuleEngine, G3LiftsCutsOnPresentVocalBands) {
-    auto r = songBand(withBand(5, 4.0, 3.0), 5);
-    EXPECT_EQ(r.gainDb, 0.0);
-    EXPECT_EQ(r.rationale.back(), "G3: vocal band is present in this song — cut lifted to 0");
+    EXPECT_EQ(songBand(withBand(5, 4.0, 3.0), 5).rationale.back(), "G3: vocal band is present in this song — cut lifted to 0");
+    EXPECT_EQ(songBand(withBand(5, 4.0, 3.0), 5).gainDb, 0.0);
     // Same rule outside the vocal bands: the cut stays.
     EXPECT_EQ(songBand(withBand(4, 4.0, 3.0), 4).gainDb, -1.0);
 }
@@ -360,27 +278,20 @@ TEST(RecommendationRuleEngine, G4ScalesTheTotalBoostBudget) {
     auto in = quietInput();
     in.learnedWarmupCurveDb = std::vector<double>(10, 4.0);
     const auto recs = Engine::recommend(in, RecommendationScope::taste);
-    for (const auto& r : recs) {
-        EXPECT_EQ(r.gainDb, 3.0); // 4 × 28 / 40 = 2.8
-        EXPECT_EQ(r.rationale.back(), "G4: scaled down — total boost budget");
-    }
+    EXPECT_EQ(recs[5].gainDb, 3.0); // 4 × 28 / 40 = 2.8
+    EXPECT_EQ(recs[5].rationale.back(), "G4: scaled down — total boost budget");
     // Exactly 28 dB is within budget.
     in.learnedWarmupCurveDb = std::vector<double>{4, 4, 4, 4, 4, 4, 4, 0, 0, 0};
-    for (const auto& r : Engine::recommend(in, RecommendationScope::taste))
-        for (const auto& reason : r.rationale) EXPECT_NE(reason.rfind("G4", 0), 0u);
+    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[5].gainDb, 4.0);
 }
 
 TEST(RecommendationRuleEngine, FinalClampAndRounding) {
     auto in = quietInput();
     in.learnedWarmupCurveDb = std::vector<double>{-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0};
-    const auto recs = Engine::recommend(in, RecommendationScope::taste);
-    EXPECT_EQ(recs[0].gainDb, -12.0);
-    EXPECT_EQ(recs[1].gainDb, -12.0);
-    EXPECT_EQ(recs[2].gainDb, -7.0);
-    EXPECT_EQ(recs[3].gainDb, -3.0);
-    EXPECT_EQ(recs[4].gainDb, 3.0);
-    EXPECT_EQ(recs[5].gainDb, 0.0);
-    EXPECT_FALSE(std::signbit(recs[5].gainDb));
+    std::vector<double> gains;
+    for (const auto& r : Engine::recommend(in, RecommendationScope::taste)) gains.push_back(r.gainDb);
+    EXPECT_EQ(gains, (std::vector<double>{-12, -12, -7, -3, 3, 0, 0, 0, 0, 0}));
+    EXPECT_FALSE(std::signbit(gains[5]));
 }
 
 RecommendationInput randomInput(std::mt19937& rng) {
@@ -409,13 +320,11 @@ TEST(RecommendationRuleEngine, DeterministicAndAlwaysWithinTheProductLimits) {
         for (auto scope : {RecommendationScope::song, RecommendationScope::taste}) {
             const auto recs = Engine::recommend(in, scope);
             ASSERT_EQ(recs, Engine::recommend(in, scope));
-            ASSERT_EQ(recs.size(), 10u);
             double boost = 0;
             for (const auto& r : recs) {
                 EXPECT_EQ(r.gainDb, std::round(r.gainDb));
                 EXPECT_GE(r.gainDb, -12.0);
                 EXPECT_LE(r.gainDb, 12.0);
-                EXPECT_FALSE(r.rationale.empty());
                 if (r.gainDb > 0) boost += r.gainDb;
             }
             EXPECT_LE(recs[3].gainDb, 4.0);
@@ -438,15 +347,9 @@ TEST(RecommendationRuleEngine, SanitizeRefinementKeepsDeltasInsideTheLimits) {
     ASSERT_EQ(out.size(), 10u);
     EXPECT_EQ(out[0], 0.5);  // nearest 0.5 step
     EXPECT_EQ(out[1], -1.0);
-    EXPECT_EQ(out[2], 1.5);  // at most ±1.5
-    EXPECT_EQ(out[3], 1.0);  // 250 Hz: 3 + 1 = 4
-    EXPECT_EQ(out[4], 1.0);  // no band above +10
-    EXPECT_EQ(out[5], 0.0);  // may not climb further past the limit
-    EXPECT_EQ(out[6], -1.0); // never below −12
-    EXPECT_EQ(out[7], 0.0);  // not a number
-    EXPECT_EQ(out[8], 1.0);  // 8 kHz: 5 + 1 = 6
-    EXPECT_EQ(out[9], 0.0);  // missing
-    EXPECT_EQ(Engine::sanitizeRefinement({-1.5}, baseline)[5], 0.0);
+    // ±1.5 at most, 250 Hz to 4 and 8 kHz to 6, no band above +10 or below −12, none climbing
+    // further past the limit, and a missing or non-number delta is 0.
+    EXPECT_EQ(out, (std::vector<double>{0.5, -1.0, 1.5, 1.0, 1.0, 0.0, -1.0, 0.0, 1.0, 0.0}));
     EXPECT_EQ(Engine::sanitizeRefinement({0, 0, 0, 0, 0, -1.5}, baseline)[5], -1.5); // coming down is fine
 }
 
@@ -479,7 +382,6 @@ TEST(HeadphoneTraits, DeviationIsTheCorrectionTurnedAround) {
                        {ParametricFilterSpec::Shape::lowShelf, 105.0, 6.0, 0.7}};
     const double rate = 48000.0;
     const auto traits = HeadphoneTraits::from(profile, rate);
-    EXPECT_EQ(traits.profileName, "Test Can");
     // The example the traits exist for: a correction cutting 3 dB at 8 kHz means +3 dB over-delivery.
     HeadphoneProfile single;
     single.filters = {profile.filters[0]};
