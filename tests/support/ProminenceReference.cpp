@@ -43,7 +43,8 @@ std::vector<double> Multisine::windowedPower() const {
     return p;
 }
 
-std::pair<int, int> bandBins(int band, double rate) {
+// First and last bin of a band; first > last when the band lies above the usable range.
+static std::pair<int, int> bandBins(int band, double rate) {
     const double bw = rate / N, upper = rate * 0.49;
     const double lo = Centres[band] / std::sqrt(2.0), hi = std::min(upper, Centres[band] * std::sqrt(2.0));
     if (!(lo < hi)) return {1, 0};

@@ -30,8 +30,6 @@ struct Multisine {
 Multisine pinkMultisine(double sampleRate, int boostedBand = -1, double boostDb = 0, unsigned seed = 7,
                         double level = 0.02);
 
-// First and last bin of a band; first > last when the band lies above the usable range.
-std::pair<int, int> bandBins(int band, double sampleRate);
 // Band powers from bin powers; NaN for an unusable band.
 std::array<double, 10> bandPowers(const std::vector<double>& binPower, double sampleRate);
 // Levels against the median of the levels above −110 dB; 0 for a band at or below it.

@@ -155,13 +155,12 @@ void SimulatedAudioPlatform::clearCalls() { locked([&] { calls_.clear(); }); }
 std::size_t SimulatedAudioPlatform::liveTaps() const { return locked([&] { return taps_.size(); }); }
 std::size_t SimulatedAudioPlatform::liveAggregateDevices() const { return locked([&] { return aggregates_.size(); }); }
 std::size_t SimulatedAudioPlatform::liveIOProcs() const { return locked([&] { return ioProcs_.size(); }); }
-std::size_t SimulatedAudioPlatform::liveOutputUnits() const { return locked([&] { return units_.size(); }); }
 std::size_t SimulatedAudioPlatform::liveListeners() const { return locked([&] { return listeners_.size(); }); }
 std::size_t SimulatedAudioPlatform::runningCallbackThreads() const { return std::size_t(runningThreads_.load()); }
 
 bool SimulatedAudioPlatform::isClean() const {
-    return liveTaps() == 0 && liveAggregateDevices() == 0 && liveIOProcs() == 0 && liveOutputUnits() == 0 &&
-           runningCallbackThreads() == 0;
+    return liveTaps() == 0 && liveAggregateDevices() == 0 && liveIOProcs() == 0 &&
+           locked([&] { return units_.empty(); }) && runningCallbackThreads() == 0;
 }
 
 std::optional<AudioPlatform::TapDescription> SimulatedAudioPlatform::lastTapDescription() const {
@@ -481,15 +480,9 @@ AudioPlatform::Status SimulatedAudioPlatform::disposeOutputUnit(OutputUnitHandle
 AudioPlatform::Status SimulatedAudioPlatform::bufferFrameSizeRange(ObjectID deviceID, double& minimum, double& maximum) {
     std::lock_guard lock(mutex_);
     if (auto s = enter(Step::bufferFrameSizeRange, "bufferFrameSizeRange")) return s;
-    if (aggregates_.contains(deviceID)) {
-        minimum = 16;
-        maximum = 8192;
-        return noError;
-    }
-    auto* d = withID(devices_, deviceID);
-    if (!d) return notFound;
-    minimum = d->minimumBufferFrames;
-    maximum = d->maximumBufferFrames;
+    if (!aggregates_.contains(deviceID) && !withID(devices_, deviceID)) return notFound;
+    minimum = minimumBufferFrames;
+    maximum = maximumBufferFrames;
     return noError;
 }
 

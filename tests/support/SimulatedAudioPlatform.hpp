@@ -54,8 +54,6 @@ public:
         std::string uid;
         std::string name;
         std::vector<std::uint32_t> streamChannelCounts{2};
-        double minimumBufferFrames = 16;
-        double maximumBufferFrames = 8192;
         std::uint32_t bufferFrames = 1024;
     };
 
@@ -108,7 +106,6 @@ public:
     std::size_t liveTaps() const;
     std::size_t liveAggregateDevices() const;
     std::size_t liveIOProcs() const;
-    std::size_t liveOutputUnits() const;
     std::size_t liveListeners() const;
     std::size_t runningCallbackThreads() const;
     // Everything the engines created is gone and no callback thread runs.
@@ -183,7 +180,8 @@ public:
 
     static constexpr Status notFound = -2;     // -ENOENT
     static constexpr Status invalid = -22;     // -EINVAL
-    static constexpr Status busy = -16;        // -EBUSY
+    // Every device and aggregate accepts buffers of this many frames.
+    static constexpr double minimumBufferFrames = 16, maximumBufferFrames = 8192;
 
 private:
     struct Runner;
