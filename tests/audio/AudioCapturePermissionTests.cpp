@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "core/audio/AudioCapturePermission.hpp"
 #include "core/io/PreferencesStore.hpp"
 #include "support/SimulatedAudioPlatform.hpp"
@@ -14,7 +11,7 @@ namespace {
 using Status = AudioCapturePermission::Status;
 using test::SimulatedAudioPlatform;
 
-TEST(AudioCapturePermission, ProbeStoresTheAnswerAndLeavesNoTap) {
+TEST(AudioCapturePermission, ProbeStoresTheAnswerAndLeavesNoTapAndUnreadableAnswersAreUnknown) {
     test::TemporaryDirectory dir;
     PreferencesStore preferences(dir.path());
     SimulatedAudioPlatform platform;
@@ -28,13 +25,9 @@ TEST(AudioCapturePermission, ProbeStoresTheAnswerAndLeavesNoTap) {
     platform.fail(SimulatedAudioPlatform::Step::createProcessTap, -13);
     EXPECT_EQ(AudioCapturePermission::request(platform, preferences), Status::denied);
     EXPECT_EQ(AudioCapturePermission::lastKnown(PreferencesStore(dir.path())), Status::denied);
-}
 
-TEST(AudioCapturePermission, UnreadableValuesAreUnknown) {
-    test::TemporaryDirectory dir;
-    PreferencesStore preferences(dir.path());
     preferences.setData("Sorvi.permission.audioCapture.v1", "\"maybe\"");
-    EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::unknown);
+    EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::unknown) << "a value from elsewhere";
     preferences.setData("Sorvi.permission.audioCapture.v1", "{not json");
     EXPECT_EQ(AudioCapturePermission::lastKnown(preferences), Status::unknown);
 }

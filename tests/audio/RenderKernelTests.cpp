@@ -108,6 +108,8 @@ TEST_F(Render, NeverWritesPastTheOutputBuffer) {
     kernel.render(512, list);
     EXPECT_EQ(small[199], 0.5f * -1.0f);
     for (std::size_t i = 200; i < small.size(); ++i) EXPECT_EQ(small[i], 7.0f);
+    AudioBufferList none{0, nullptr};
+    kernel.render(512, none); // no buffers at all: nothing to write, no crash
 }
 
 } // namespace
