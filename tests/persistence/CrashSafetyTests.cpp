@@ -17,16 +17,14 @@ namespace tarn {
 namespace {
 
 // A desk of many routes, large enough that one write takes many write calls.
-RouteStatePersistence::State bigState(int routes, double gain) {
+RouteStatePersistence::State bigState(double gain) {
     RouteStatePersistence::State state;
-    for (int i = 0; i < routes; ++i) {
-        AppRoute r(UUID::random(), "app." + std::to_string(i), "Application " + std::to_string(i), "sink." + std::to_string(i));
+    for (int i = 0; i < 300; ++i) {
+        AppRoute r(UUID::random(), "app." + std::to_string(i), "Application " + std::to_string(i), "sink");
         r.gainDb = gain;
         r.importedParametricFilters.assign(10, {ParametricFilterSpec::Shape::peaking, 1000.0 + i, gain, 1.41});
-        r.channelEQDeltasDb.assign(2, std::vector<double>(10, gain / 3.0));
         state.routes.push_back(std::move(r));
     }
-    state.selectedRouteID = state.routes.front().id;
     return state;
 }
 
@@ -36,18 +34,16 @@ TEST(CrashSafety, KilledWriterAlwaysLeavesAWholeDocument) {
     test::TemporaryDirectory dir;
     PreferencesStore store(dir.path());
     RouteStatePersistence persistence(store);
-    const auto first = bigState(300, -1.5);
-    const auto second = bigState(300, 2.25);
+    const auto first = bigState(-1.5);
     const std::string firstBytes = RouteStatePersistence::encode(first);
-    const std::string secondBytes = RouteStatePersistence::encode(second);
+    const std::string secondBytes = RouteStatePersistence::encode(bigState(2.25));
     ASSERT_GT(firstBytes.size(), 300000u);
     persistence.save(first);
 
     std::mt19937 random(20240611);
     std::uniform_int_distribution<int> delayMicroseconds(0, 40000);
-    int sawFirst = 0, sawSecond = 0, killedMidWrite = 0;
-    constexpr int kills = 60;
-    for (int round = 0; round < kills; ++round) {
+    int killedMidWrite = 0;
+    for (int round = 0; round < 60; ++round) {
         int progress[2];
         ASSERT_EQ(::pipe(progress), 0);
         const pid_t child = ::fork();
@@ -59,9 +55,8 @@ TEST(CrashSafety, KilledWriterAlwaysLeavesAWholeDocument) {
                 if (n == 0) ::close(progress[1]); // tells the parent one whole write is done
             }
         }
+        // Kill only after a first complete write, so every round really replaces a document.
         ::close(progress[1]);
-        // Kill only after a first complete write, so every round really replaces a document,
-        // however slow the disk is.
         char byte;
         while (::read(progress[0], &byte, 1) > 0) {
         }
@@ -70,26 +65,16 @@ TEST(CrashSafety, KilledWriterAlwaysLeavesAWholeDocument) {
         ::kill(child, SIGKILL);
         int status = 0;
         ::waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-            << "the writer stopped by itself (it failed) in round " << round;
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself (it failed) in round " << round;
 
         const std::string tempPrefix = ".Tarn.routesState.v1.json.tmp-" + std::to_string(child) + "-";
-        for (const auto& name : dir.entries())
-            if (name.rfind(tempPrefix, 0) == 0) ++killedMidWrite;
-
+        for (const auto& name : dir.entries()) killedMidWrite += name.rfind(tempPrefix, 0) == 0;
         const auto data = store.data(RouteStatePersistence::key);
         ASSERT_TRUE(data) << "round " << round;
-        ASSERT_TRUE(*data == firstBytes || *data == secondBytes)
-            << "round " << round << ": torn document of " << data->size() << " bytes";
-        const auto loaded = persistence.load();
-        ASSERT_TRUE(loaded);
-        (loaded->first == first ? sawFirst : sawSecond)++;
+        ASSERT_TRUE(*data == firstBytes || *data == secondBytes) << "round " << round << ": torn document";
     }
     // The kills must have landed while a new document was being written, or nothing was tested.
     EXPECT_GT(killedMidWrite, 0);
-    RecordProperty("killedMidWrite", killedMidWrite);
-    RecordProperty("sawFirst", sawFirst);
-    RecordProperty("sawSecond", sawSecond);
 
     // Temporary files of the killed writers are cleared by the next successful write.
     persistence.save(first);
