@@ -15,7 +15,6 @@
 namespace tarn {
 namespace {
 
-using test::ManualMainQueue;
 using test::SimulatedAudioPlatform;
 
 // Routes started and stopped again and again while their callbacks run on two real threads and
@@ -27,9 +26,7 @@ TEST(AudioEngineThreads, RepeatedStartStopWithLiveSettingChanges) {
     platform.addDevice({41, "speakers", "Test Speakers", {2}});
     SimulatedAudioPlatform::CaptureSource source;
     source.framesPerCycle = 300;
-    source.sample = [](std::uint64_t frame, std::uint32_t channel) {
-        return 0.5f * float(std::sin(0.05 * double(frame) + channel));
-    };
+    source.sample = [](std::uint64_t frame, std::uint32_t channel) { return 0.5f * float(std::sin(0.05 * double(frame) + channel)); };
     platform.setCaptureSource(source);
     platform.setRenderSink({256, 0});
 
@@ -39,7 +36,6 @@ TEST(AudioEngineThreads, RepeatedStartStopWithLiveSettingChanges) {
     auto tap = std::make_shared<AnalysisTap>();
     tap->setEnabled(true);
     engine.setAnalysisTap(tap);
-
     for (int run = 0; run < 8; ++run) {
         const auto cycles = platform.renderCycles();
         ASSERT_EQ(engine.start(), 48000.0);
@@ -63,11 +59,10 @@ TEST(AudioEngineThreads, RepeatedStartStopWithLiveSettingChanges) {
 // Notifications from the platform's threads race with refreshes on the main queue.
 TEST(AudioEngineThreads, DiscoveryNotificationsFromAnotherThread) {
     SimulatedAudioPlatform platform;
-    ManualMainQueue queue;
+    test::ManualMainQueue queue;
     for (AudioPlatform::ObjectID id = 1; id <= 5; ++id) platform.addProcess({id, std::int32_t(id), "app", false, std::nullopt});
     ProcessDiscoveryService service(platform, queue, queue.clock());
     service.start();
-
     std::atomic<bool> done{false};
     std::thread notifier([&] {
         for (int i = 0; i < 200; ++i) {

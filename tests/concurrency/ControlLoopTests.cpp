@@ -13,10 +13,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = ControlLoop::Clock;
 
-TEST(ControlLoop, RunsWorkInPostingOrderAndTimersInDueOrderOnTheCallingThread) {
+TEST(ControlLoop, RunsWorkInPostingOrderAndTimersInDueOrderNeverEarly) {
     ControlLoop loop;
     std::vector<int> seen; // touched only by the loop's work
-    std::vector<std::thread::id> threads;
     const auto past = Clock::now() - 1s;
     // Timers already due, posted out of order; equal due times keep posting order.
     loop.asyncAt(past + 3ms, [&] { seen.push_back(30); });
@@ -24,40 +23,25 @@ TEST(ControlLoop, RunsWorkInPostingOrderAndTimersInDueOrderOnTheCallingThread) {
     loop.asyncAt(past + 3ms, [&] { seen.push_back(31); });
     loop.async([&] {
         seen.push_back(1);
-        // Work posted by work runs too, after what was already waiting.
-        loop.async([&] { seen.push_back(3); });
+        loop.async([&] { seen.push_back(3); }); // runs after what was already waiting
     });
-    loop.async([&] {
-        seen.push_back(2);
-        threads.push_back(std::this_thread::get_id());
-    });
-    loop.asyncAfter(0.02, [&] {
+    loop.async([&] { seen.push_back(2); });
+    const auto posted = Clock::now();
+    Clock::time_point ran;
+    loop.asyncAfter(0.05, [&] {
+        ran = Clock::now();
         seen.push_back(99);
         loop.quit();
     });
     loop.run();
     EXPECT_EQ(seen, (std::vector<int>{1, 2, 3, 10, 30, 31, 99}));
-    ASSERT_EQ(threads.size(), 1u);
-    EXPECT_EQ(threads[0], std::this_thread::get_id());
-}
-
-TEST(ControlLoop, DelayedWorkNeverRunsEarly) {
-    ControlLoop loop;
-    const auto posted = Clock::now();
-    Clock::time_point ran;
-    loop.asyncAfter(0.05, [&] {
-        ran = Clock::now();
-        loop.quit();
-    });
-    loop.run();
     EXPECT_GE(ran - posted, 50ms);
 }
 
 TEST(ControlLoop, WorkFromOtherThreadsWakesASleepingLoopAndAllOfItRuns) {
     ControlLoop loop;
     // A far timer: without wake-ups the loop would sleep on it for an hour.
-    bool farRan = false;
-    loop.asyncAfter(3600, [&] { farRan = true; });
+    loop.asyncAfter(3600, [] { FAIL() << "the far timer ran"; });
     constexpr int threads = 4, perThread = 500;
     int count = 0; // loop thread only
     std::vector<std::thread> posters;
@@ -72,7 +56,6 @@ TEST(ControlLoop, WorkFromOtherThreadsWakesASleepingLoopAndAllOfItRuns) {
     loop.run();
     for (auto& p : posters) p.join();
     EXPECT_EQ(count, threads * perThread);
-    EXPECT_FALSE(farRan);
 }
 
 TEST(ControlLoop, QuitFromAnotherThreadEndsTheWaitAndLaterRunsReturnAtOnce) {
@@ -85,7 +68,6 @@ TEST(ControlLoop, QuitFromAnotherThreadEndsTheWaitAndLaterRunsReturnAtOnce) {
     });
     loop.run(); // returns only because of quit
     quitter.join();
-    EXPECT_TRUE(loop.isQuitting());
     loop.async([&] { ran = true; });
     loop.run();
     EXPECT_FALSE(ran);
