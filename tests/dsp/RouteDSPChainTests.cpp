@@ -238,24 +238,6 @@ TEST(RouteDSPChain, HeadroomTargetSettlesOnTheKneeOrTheInputLevel) {
     EXPECT_NEAR(chain.headroomGain(), 0.83 / 1.5, 2e-3);
 }
 
-TEST(RouteDSPChain, SingleSampleEntryPointsFollowTheSameOrder) {
-    RouteDSPChain chain(2, 48000);
-    chain.customEQ().setGain(6, 5);
-    chain.setGain(-10);
-    chain.setSafetyCeilingEnabled(false);
-    TenBandEQ reference(2, 48000);
-    reference.setGain(6, 5);
-    const double scale = std::pow(10.0, -10.0 / 20.0) * RouteDSPChain::outputMakeupLinear;
-    for (int i = 0; i < 200; ++i) {
-        const double x = 0.3 * std::sin(0.13 * i);
-        auto [l, r] = chain.processStereo(x, -x);
-        auto [el, er] = reference.processStereo(x, -x);
-        ASSERT_NEAR(l, el * scale, 1e-12);
-        ASSERT_NEAR(r, er * scale, 1e-12);
-    }
-    EXPECT_NEAR(chain.process(5.0), 0.98, 1e-3) << "the limiter ends the single-sample path";
-}
-
 TEST(RouteDSPChain, RecomputeEffectiveQsSoftensTheGenreUnderCorrection) {
     RouteDSPChain chain(2, 48000);
     HeadphoneProfile p;

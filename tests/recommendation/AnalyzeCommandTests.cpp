@@ -106,19 +106,12 @@ TEST_F(AnalyzeCommand, HeadphoneFromAProfileFileOrTheCatalogue) {
     // A correction that cuts 6 dB at 8 kHz: the headphone over-delivers there by 6 dB.
     const auto profile = dir / "bright.json";
     std::ofstream(profile) << R"({"preampDb": -1.0, "filters": [{"shape": "peaking", "frequencyHz": 8000, "gainDb": -6.0, "q": 1.0}]})";
-    auto out = analyzeJson({file.string(), "--headphone", profile.string()});
-    bool eased = false;
-    for (const auto& reason : out["recommendations"][8]["rationale"])
-        eased |= reason == "H2: headphone over-delivers brilliance (8 kHz) (+6.0 dB) → ease off";
-    EXPECT_TRUE(eased) << out["recommendations"][8].dump();
+    const auto out = analyzeJson({file.string(), "--headphone", profile.string()});
+    EXPECT_EQ(out["recommendations"][8]["rationale"].back(), "H2: headphone over-delivers brilliance (8 kHz) (+6.0 dB) → ease off");
     EXPECT_LT(out["recommendations"][8]["gainDb"].get<double>(), flatGains[8]);
 
-    // A catalogue id: any shipped profile changes at least one band against no headphone.
-    std::ifstream catalogFile(std::string(TARN_SOURCE_DIR) + "/data/profiles/catalog.json");
-    const auto catalog = json::parse(catalogFile);
-    const std::string id = catalog["profiles"][0]["id"];
-    out = analyzeJson({file.string(), "--headphone", id});
-    EXPECT_NE(gains(out), flatGains) << id;
+    // A catalogue id: a shipped correction changes at least one band against no headphone.
+    EXPECT_NE(gains(analyzeJson({file.string(), "--headphone", "oratory1990.over-ear.sennheiser-hd-600"})), flatGains);
 }
 
 TEST_F(AnalyzeCommand, TimelineHasOneEntryPerSecondAndNullForSilence) {
@@ -136,9 +129,6 @@ TEST_F(AnalyzeCommand, TimelineHasOneEntryPerSecondAndNullForSilence) {
     // The last window starts at (whole windows − 1) × N; the timeline runs to that window's second.
     EXPECT_EQ(out["timeline"].size(), std::size_t(std::floor((std::floor(data.frameCount() / double(N)) - 1) * N / rate)) + 1);
     EXPECT_TRUE(out["timeline"][2].is_null());
-    // Windows of the first part are aligned to the period: second 0 is the closed form exactly.
-    const auto expected = test::expectedProminence(test::bandPowers(sig.windowedPower(), rate));
-    EXPECT_NEAR(out["timeline"][0][3].get<double>(), expected[3], 0.02);
 
     // The text form shows the same.
     const auto text = analyze({file.string(), "--timeline"});

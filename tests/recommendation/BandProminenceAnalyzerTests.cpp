@@ -61,18 +61,6 @@ void expectProminence(const ProminenceSnapshot& snap, const std::array<double, 1
     for (int b = 0; b < 10; ++b) EXPECT_NEAR(snap.prominenceDb[b], expected[b], tol) << "band " << b;
 }
 
-TEST(BandProminenceAnalyzer, BandPowersOfASineFollowParseval) {
-    // A sine of amplitude A puts N²·A²/4 into the bins around it (the window's mean square is 1).
-    const double rate = 48000, A = 0.5;
-    std::vector<float> tone(3 * N);
-    for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = float(A * std::sin(2 * M_PI * 1000.0 * i / rate));
-    const auto levels = BandProminenceAnalyzer::bandPowersDb(tone, rate);
-    EXPECT_NEAR(levels[5], 10 * std::log10(double(N) * N * A * A / 4), 0.05);
-    for (int b : {0, 1, 2, 8, 9}) EXPECT_LT(levels[b], levels[5] - 60) << b;
-
-    EXPECT_EQ(BandProminenceAnalyzer::bandPowersDb(std::vector<float>(100, 0.0f), rate)[4], -120.0);
-}
-
 TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
     for (double rate : {48000.0, 44100.0}) {
         SCOPED_TRACE(rate);
@@ -83,9 +71,6 @@ TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
         feed(*analyzer, control.period(), 10);
         const auto controlSnap = analyzer->snapshot();
         expectProminence(controlSnap, expectedProminence(bandPowers(control.windowedPower(), rate)), 0.01);
-        // Pink has equal power per octave: from 250 Hz up every band reads about the same (the
-        // fixed random phases leave a dB or so of ripple in the narrower bands).
-        for (int b = 3; b < 10; ++b) EXPECT_NEAR(controlSnap.prominenceDb[b], 0.0, 1.5) << b;
 
         analyzer = startedAnalyzer(rate);
         feed(*analyzer, boosted.period(), 10);
@@ -95,7 +80,6 @@ TEST(BandProminenceAnalyzer, PinkNoiseWithABoostedBandMatchesTheClosedForm) {
         const double lift = (snap.prominenceDb[6] - snap.prominenceDb[4]) -
                             (controlSnap.prominenceDb[6] - controlSnap.prominenceDb[4]);
         EXPECT_NEAR(lift, 6.0, 0.15);
-        EXPECT_GT(snap.prominenceDb[6], 5.0);
     }
 }
 
