@@ -33,16 +33,8 @@ float samplePeak(const SoundData& d) {
     return peak;
 }
 
-// Two tones, one per channel: 1 kHz (a band centre) on the left, 1.5 kHz (between bands) on the right.
-SoundData twoTones(double amplitude = 0.25) {
-    const std::size_t frames = 36000;
-    SoundData d{48000, 2, std::vector<float>(frames * 2)};
-    for (std::size_t i = 0; i < frames; ++i) {
-        d.samples[2 * i] = float(amplitude * std::sin(2 * M_PI * 1000.0 * double(i) / 48000));
-        d.samples[2 * i + 1] = float(amplitude * std::sin(2 * M_PI * 1500.0 * double(i) / 48000));
-    }
-    return d;
-}
+// 1 kHz (a band centre) on the left, 2 kHz (an octave off it) on the right.
+SoundData twoTones(double amplitude = 0.25) { return test::sineWave(1000, amplitude, 48000, 2, 36000, true); }
 
 class RenderCommand : public ::testing::Test {
 protected:
@@ -88,7 +80,7 @@ TEST_F(RenderCommand, BandCutMatchesTheCookbookResponseAndTheSummaryTheFile) {
     const auto json = renderJson(input, {"--band", "5=-12", "--no-ceiling", "--block", "100"});
     const double q = qVector(GenrePreset::flat)[5];
     EXPECT_NEAR(outputTone(0, 1000), 0.25 * linear(peakingDb(1000, -12, q, 1000) + makeupDb), 1e-4);
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(peakingDb(1000, -12, q, 1500) + makeupDb), 1e-4);
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(peakingDb(1000, -12, q, 2000) + makeupDb), 1e-4);
     EXPECT_EQ(json["frames"], input.frameCount());
     EXPECT_FLOAT_EQ(json["inputPeak"].get<double>(), samplePeak(input));
     EXPECT_FLOAT_EQ(json["outputPeak"].get<double>(), samplePeak(test::readSoundFile(out)));
@@ -108,8 +100,8 @@ TEST_F(RenderCommand, TheSafetyCeilingScalesTheOutputByWhatItReports) {
     }
     EXPECT_NEAR(json["estimatedPeakGainDb"].get<double>(), peak + makeupDb, 1e-6);
     EXPECT_NEAR(attenuation, linear(-(peak + makeupDb)), 1e-9);
-    const double chainDb = peakingDb(1000, -12, q5, 1500) + peakingDb(2000, 6, q6, 1500) + makeupDb;
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(chainDb) * attenuation, 1e-4);
+    const double chainDb = peakingDb(1000, -12, q5, 2000) + peakingDb(2000, 6, q6, 2000) + makeupDb;
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(chainDb) * attenuation, 1e-4);
 }
 
 TEST_F(RenderCommand, GainTrimGenreMuteAndChannelDeltasReachTheChain) {
@@ -119,7 +111,7 @@ TEST_F(RenderCommand, GainTrimGenreMuteAndChannelDeltasReachTheChain) {
     // A genre changes the bands' Q, not their gains.
     renderJson(twoTones(), {"--band", "5=-12", "--genre", "rock", "--no-ceiling"});
     const double rockQ = qVector(GenrePreset::rock)[5];
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(peakingDb(1000, -12, rockQ, 1500) + makeupDb), 1e-4);
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(peakingDb(1000, -12, rockQ, 2000) + makeupDb), 1e-4);
 
     renderJson(test::sineWave(1000, 0.25, 48000, 2, 36000), {"--band", "5=-3", "--channel-delta", "1:5=-6", "--no-ceiling"});
     EXPECT_NEAR(outputTone(0, 1000), 0.25 * linear(-3 + makeupDb), 1e-4);
@@ -137,14 +129,14 @@ TEST_F(RenderCommand, ProfileAndParametricFilesRunInTheirStages) {
         {"shape": "peaking", "frequencyHz": 1000.0, "gainDb": 6.0, "q": 2.0}]})");
     renderJson(twoTones(), {"--profile", profile, "--no-ceiling"});
     EXPECT_NEAR(outputTone(0, 1000), 0.25 * linear(makeupDb), 1e-4);
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(-6 + peakingDb(1000, 6, 2, 1500) + makeupDb), 1e-4);
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(-6 + peakingDb(1000, 6, 2, 2000) + makeupDb), 1e-4);
     renderJson(twoTones(), {"--profile", profile, "--correction-bypass", "--no-ceiling"});
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(makeupDb), 1e-4);
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(makeupDb), 1e-4);
 
-    const auto parametric = write("My Headphones.txt", "Preamp: -3 dB\r\nFilter 1: ON PK Fc 1500 Hz Gain -5 dB Q 1.5\r\n"
+    const auto parametric = write("My Headphones.txt", "Preamp: -3 dB\r\nFilter 1: ON PK Fc 2000 Hz Gain -5 dB Q 1.5\r\n"
                                                        "Filter 2: ON LP Fc 10000 Hz Gain 0 dB Q 0.7\r\n");
     renderJson(twoTones(), {"--parametric", parametric, "--profile", profile, "--no-ceiling"});
-    EXPECT_NEAR(outputTone(1, 1500), 0.25 * linear(-6 + peakingDb(1000, 6, 2, 1500) - 3 - 5 + makeupDb), 1e-4);
+    EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(-6 + peakingDb(1000, 6, 2, 2000) - 3 - 5 + makeupDb), 1e-4);
 
     // A whole catalogue record, with all its extra keys, is a profile too.
     std::ifstream catalogue(std::string(TARN_SOURCE_DIR) + "/data/profiles/catalog.json");
