@@ -49,34 +49,23 @@ private:
     std::thread thread_;
 };
 
-TEST(BandProminenceAnalyzerThreads, TheTickPublishesWhileAudioFlowsAndStopsWhenStopped) {
-    BandProminenceAnalyzer analyzer;
-    analyzer.start(48000);
-    analyzer.tap().setEnabled(true);
-    NoiseWriter writer(analyzer.tap());
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (analyzer.snapshot().analyzedSeconds <= 0.3 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(10ms);
-    ASSERT_GT(analyzer.snapshot().analyzedSeconds, 0.3);
-    EXPECT_EQ(analyzer.snapshot().prominenceDb.size(), 10u);
-
-    analyzer.stop();
-    EXPECT_FALSE(analyzer.isRunning());
-    const auto frozen = analyzer.snapshot();
-    std::this_thread::sleep_for(700ms); // more than one tick
-    EXPECT_EQ(analyzer.snapshot(), frozen);
-}
-
-// Control calls and readers race the tick, and the analyser is destroyed while it still ticks
-// and audio still arrives (the writer goes first): its worker must end with it.
-TEST(BandProminenceAnalyzerThreads, ControlCallsWhileTickingAndDestructionEndsTheWorker) {
+// The tick publishes while audio flows, races control calls and readers, stops when stopped, and
+// the analyser is destroyed while it ticks again and audio still arrives (the writer goes first):
+// its worker must end with it.
+TEST(BandProminenceAnalyzerThreads, TickingRacesControlCallsAndEndsWithTheAnalyser) {
     const int before = prominenceThreads();
     {
         BandProminenceAnalyzer analyzer;
-        analyzer.start(44100);
+        analyzer.start(48000);
         analyzer.tap().setEnabled(true);
         NoiseWriter writer(analyzer.tap());
         EXPECT_EQ(prominenceThreads(), before + 1);
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (analyzer.snapshot().analyzedSeconds <= 0.3 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(10ms);
+        ASSERT_GT(analyzer.snapshot().analyzedSeconds, 0.3);
+        EXPECT_EQ(analyzer.snapshot().prominenceDb.size(), 10u);
+
         std::atomic<bool> done{false};
         std::thread reader([&] {
             while (!done) (void)analyzer.snapshot();
@@ -91,6 +80,12 @@ TEST(BandProminenceAnalyzerThreads, ControlCallsWhileTickingAndDestructionEndsTh
         }
         done = true;
         reader.join();
+
+        analyzer.stop();
+        const auto frozen = analyzer.snapshot();
+        std::this_thread::sleep_for(700ms); // more than one tick
+        EXPECT_EQ(analyzer.snapshot(), frozen);
+        analyzer.start(44100);
     }
     EXPECT_EQ(prominenceThreads(), before);
 }
