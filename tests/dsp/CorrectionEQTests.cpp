@@ -5,7 +5,6 @@
 
 #include "core/dsp/CorrectionEQ.hpp"
 #include "core/dsp/FrequencyResponse.hpp"
-#include "dsp/CookbookReference.hpp"
 #include "support/Signals.hpp"
 
 namespace tarn {
@@ -45,27 +44,20 @@ TEST(CorrectionEQ, BypassAndRemovalLeaveTheSignalUntouched) {
     EXPECT_EQ(changes, 4);
 }
 
-TEST(CorrectionEQ, NewProfilesStartWithFreshStateAndOldBanksAreRetainedASecond) {
-    double now = 50.0;
-    CorrectionEQ eq(1, 48000, UptimeClock{[&] { return now; }});
+TEST(CorrectionEQ, NewProfilesStartWithFreshStateAndTheOldBankIsRetained) {
+    CorrectionEQ eq(1, 48000);
     eq.loadProfile(makeProfile(0, {{Shape::peaking, 100, 6, 1}}));
     const CorrectionEQ::FilterBank* first = &eq.activeBank();
     std::vector<float> x = test::interleavedSine(100, 48000, 0.5, 256, 1);
     runBlocks(eq, x, 1, 256, 256);
     EXPECT_NE(first->filters[0]->channelState(0), BiquadFilter::ChannelState{});
-    now = 50.4;
     eq.loadProfile(makeProfile(0, {{Shape::peaking, 100, 6, 1}}));
     EXPECT_NE(&eq.activeBank(), first);
     EXPECT_EQ(eq.activeBank().filters[0]->channelState(0), BiquadFilter::ChannelState{});
-    now = 51.0;
-    eq.loadProfile(makeProfile(0, {}));
-    // The constructor's empty bank was retired exactly 1.0 s ago: still kept.
-    ASSERT_EQ(eq.retainedBanks().size(), 4u);
-    EXPECT_EQ(eq.retainedBanks()[1].bank.get(), first);
-    now = 51.41;
-    eq.removeProfile();   // the first profile's bank, retired at 50.4, is now 1.01 s old
-    ASSERT_EQ(eq.retainedBanks().size(), 3u);
-    for (const auto& r : eq.retainedBanks()) EXPECT_NE(r.bank.get(), first);
+    // The retiring timetable itself is the ten-band EQ's test: the same publisher keeps both.
+    bool kept = false;
+    for (const auto& r : eq.retainedBanks()) kept |= r.bank.get() == first;
+    EXPECT_TRUE(kept) << "a replaced bank may still be in the audio thread's hands";
 }
 
 TEST(CorrectionEQ, RebuildDesignsAtTheNewRateOnlyForSensibleRates) {

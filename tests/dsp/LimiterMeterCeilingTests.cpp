@@ -4,7 +4,6 @@
 #include <limits>
 #include <vector>
 
-#include "core/dsp/FrequencyResponse.hpp"
 #include "core/dsp/Limiter.hpp"
 #include "core/dsp/OutputSafetyCeiling.hpp"
 #include "core/dsp/PeakMeter.hpp"

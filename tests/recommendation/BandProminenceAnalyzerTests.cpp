@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
-#include <random>
 
 #include "core/recommendation/BandProminenceAnalyzer.hpp"
 #include "support/ProminenceReference.hpp"
