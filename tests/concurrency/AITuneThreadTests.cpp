@@ -26,28 +26,19 @@ int prominenceThreads() {
     return count;
 }
 
-// A capture thread writing noise blocks into the tap at about twice real time.
-class NoiseWriter {
-public:
-    explicit NoiseWriter(AnalysisTap& tap) : thread_([this, &tap] {
+// A capture thread writing noise blocks into the tap at about twice real time, until destroyed.
+std::jthread noiseWriter(AnalysisTap& tap) {
+    return std::jthread([&tap](std::stop_token stop) {
         std::mt19937 rng(1);
         std::normal_distribution<float> noise(0.0f, 0.1f);
         std::vector<float> block(2 * 480);
-        while (!stop_) {
+        while (!stop.stop_requested()) {
             for (float& v : block) v = noise(rng);
             tap.write(block.data(), 480, 2);
             std::this_thread::sleep_for(5ms);
         }
-    }) {}
-    ~NoiseWriter() {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
+    });
+}
 
 // The tick publishes while audio flows, races control calls and readers, stops when stopped, and
 // the analyser is destroyed while it ticks again and audio still arrives (the writer goes first):
@@ -58,7 +49,7 @@ TEST(BandProminenceAnalyzerThreads, TickingRacesControlCallsAndEndsWithTheAnalys
         BandProminenceAnalyzer analyzer;
         analyzer.start(48000);
         analyzer.tap().setEnabled(true);
-        NoiseWriter writer(analyzer.tap());
+        const auto writer = noiseWriter(analyzer.tap());
         EXPECT_EQ(prominenceThreads(), before + 1);
         const auto deadline = std::chrono::steady_clock::now() + 10s;
         while (analyzer.snapshot().analyzedSeconds <= 0.3 && std::chrono::steady_clock::now() < deadline)

@@ -41,17 +41,17 @@ TEST(BiquadSeqlock, ReadersNeverSeeATornSetWhileAWriterHammers) {
     // The writer keeps going until the reader has seen many different sets (two shared cores may
     // run the threads one after the other), with a time limit.
     std::thread writer([&] {
-        const auto start = std::chrono::steady_clock::now();
-        std::uint32_t k = 2;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         std::atomic<int> pause{0};
-        for (;; ++k) {
+        std::uint32_t k = 2;
+        for (; (k < 200000 || readerDistinct.load(std::memory_order_relaxed) < 1000) &&
+               std::chrono::steady_clock::now() < deadline;
+             ++k) {
             filter.setCoefficients(setFor(k));
             // A short pause between edits leaves the reader windows to succeed in.
             for (int spin = 0; spin < int(k % 256); ++spin) pause.fetch_add(1, std::memory_order_relaxed);
-            if (k >= 200000 && readerDistinct.load(std::memory_order_relaxed) >= 1000) break;
-            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(5)) break;
         }
-        lastWritten.store(k);
+        lastWritten.store(k - 1);
         done.store(true);
     });
     // A second, non-real-time reader through the double getter.
