@@ -224,16 +224,33 @@ TEST(RecommendationRuleEngine, G5SmoothsSteepNeighbourSteps) {
     EXPECT_EQ(taste[1].gainDb, 0.0);
 }
 
-TEST(RecommendationRuleEngine, G1G2CapLowMidsAndTreble) {
-    auto in = quietInput();
-    in.learnedWarmupCurveDb = std::vector<double>{0, 0, 0, 8.0, 3.0, 0, 0, 3.0, 9.0, 9.0};
-    in.learnedWarmupProvenance = "learnt";
-    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+TEST(RecommendationRuleEngine, TasteCurveGuardsCapClampAndRound) {
+    auto taste = [](std::vector<double> curve) {
+        auto in = quietInput();
+        in.learnedWarmupCurveDb = std::move(curve);
+        return Engine::recommend(in, RecommendationScope::taste);
+    };
+    auto gains = [](const std::vector<BandRecommendation>& recs) {
+        std::vector<double> g;
+        for (const auto& r : recs) g.push_back(r.gainDb);
+        return g;
+    };
+    // G1 holds 250 Hz at +4 and G2 the treble at +6.
+    auto recs = taste({0, 0, 0, 8.0, 3.0, 0, 0, 3.0, 9.0, 9.0});
     EXPECT_EQ(recs[3].gainDb, 4.0);
-    EXPECT_EQ(recs[3].rationale.back(), "G1: capped at +4.0 — 250 Hz boosts turn muddy fast");
     EXPECT_EQ(recs[8].gainDb, 6.0);
-    EXPECT_EQ(recs[8].rationale.back(), "G2: treble boost capped at +6.0");
     EXPECT_EQ(recs[9].gainDb, 6.0);
+    EXPECT_EQ(recs[3].rationale.back(), "G1: capped at +4.0 — 250 Hz boosts turn muddy fast");
+    EXPECT_EQ(recs[8].rationale.back(), "G2: treble boost capped at +6.0");
+    // G4: 40 dB of boosts scaled to the 28 dB budget (2.8 rounds to 3); exactly 28 dB is left alone.
+    recs = taste(std::vector<double>(10, 4.0));
+    EXPECT_EQ(recs[5].gainDb, 3.0);
+    EXPECT_EQ(recs[5].rationale.back(), "G4: scaled down — total boost budget");
+    EXPECT_EQ(taste({4, 4, 4, 4, 4, 4, 4, 0, 0, 0})[5].gainDb, 4.0);
+    // The final clamp to ±12 and rounding away from zero, never to −0.
+    const auto clamped = gains(taste({-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0}));
+    EXPECT_EQ(clamped, (std::vector<double>{-12, -12, -7, -3, 3, 0, 0, 0, 0, 0}));
+    EXPECT_FALSE(std::signbit(clamped[5]));
 }
 
 TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
@@ -272,26 +289,6 @@ TEST(RecommendationRuleEngine, G8LimitsBoostsToTheRoomLeft) {
     r = Engine::recommend(in, RecommendationScope::taste)[0];
     EXPECT_EQ(r.gainDb, 5.0);
     EXPECT_EQ(r.rationale.back(), "G8: your headphone already runs +4.0 dB on this setup — boost limited to +5.0");
-}
-
-TEST(RecommendationRuleEngine, G4ScalesTheTotalBoostBudget) {
-    auto in = quietInput();
-    in.learnedWarmupCurveDb = std::vector<double>(10, 4.0);
-    const auto recs = Engine::recommend(in, RecommendationScope::taste);
-    EXPECT_EQ(recs[5].gainDb, 3.0); // 4 × 28 / 40 = 2.8
-    EXPECT_EQ(recs[5].rationale.back(), "G4: scaled down — total boost budget");
-    // Exactly 28 dB is within budget.
-    in.learnedWarmupCurveDb = std::vector<double>{4, 4, 4, 4, 4, 4, 4, 0, 0, 0};
-    EXPECT_EQ(Engine::recommend(in, RecommendationScope::taste)[5].gainDb, 4.0);
-}
-
-TEST(RecommendationRuleEngine, FinalClampAndRounding) {
-    auto in = quietInput();
-    in.learnedWarmupCurveDb = std::vector<double>{-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0};
-    std::vector<double> gains;
-    for (const auto& r : Engine::recommend(in, RecommendationScope::taste)) gains.push_back(r.gainDb);
-    EXPECT_EQ(gains, (std::vector<double>{-12, -12, -7, -3, 3, 0, 0, 0, 0, 0}));
-    EXPECT_FALSE(std::signbit(gains[5]));
 }
 
 RecommendationInput randomInput(std::mt19937& rng) {
