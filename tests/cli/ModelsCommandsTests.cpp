@@ -96,6 +96,7 @@ TEST_F(CommandLine, ProfilesPrintTheCatalogueAndSuggestNearNames) {
     EXPECT_EQ(tarnJSON({"profiles", "show", "oratory1990.over-ear.beyerdynamic-dt-770-pro", "--json"}),
               json(*catalog.profile("oratory1990.over-ear.beyerdynamic-dt-770-pro")));
     expectFailure({"profiles", "show", "dt770"}, 1, "beyerdynamic-dt-770");
+    EXPECT_EQ(tarnJSON({"profiles", "brands", "--json"}).get<std::vector<std::string>>(), catalog.brands());
     expectFailure({"profiles", "models", "Clark"}, 1, "Dan Clark Audio");
     expectFailure({"profiles", "search", "hd", "--limit", "-1"}, 2, "--limit");
 

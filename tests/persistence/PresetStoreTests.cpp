@@ -18,12 +18,6 @@ EQPreset preset(const std::string& name, double createdAt) {
     return p;
 }
 
-std::vector<std::string> names(const std::vector<EQPreset>& presets) {
-    std::vector<std::string> out;
-    for (const auto& p : presets) out.push_back(p.name);
-    return out;
-}
-
 TEST(PresetStore, KeepsNewestFirstStablyReplacesByIdAndPersists) {
     test::TemporaryDirectory dir;
     PreferencesStore prefs(dir.path());
@@ -37,7 +31,9 @@ TEST(PresetStore, KeepsNewestFirstStablyReplacesByIdAndPersists) {
     store.save(preset("tie B", 200)); // same moment as tie A: keeps its later place
     old.name = "old (renamed)";
     store.save(old);
-    EXPECT_EQ(names(store.presets()), (std::vector<std::string>{"newest", "tie A", "tie B", "old (renamed)"}));
+    std::vector<std::string> names;
+    for (const auto& p : store.presets()) names.push_back(p.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"newest", "tie A", "tie B", "old (renamed)"}));
     EXPECT_EQ(store.remove(old.id), 1u);
     EXPECT_EQ(store.remove(old.id), 0u);
     EXPECT_EQ(notifications, 6);

@@ -60,15 +60,17 @@ TEST(PipeWireDevices, SinksWithLayoutsAndTheDefaultMarked) {
     usb.inputPortChannels = {"FL", "FR"};
     usb.inputPortCount = 2;
     g.nodes = {node(5, 0, {{"media.class", "Audio/Sink"}, {"node.name", "hdmi"}, {"audio.position", "[ FL FR FC LFE RL RR ]"}}),
-               usb, node(8, 1, {{"media.class", "Audio/Sink"}, {"node.name", "tarn_capture.x"}, {"tarn.role", "capture-sink"}}),
+               usb, node(7, 0, {{"media.class", "Audio/Sink"}, {"node.name", "odd"}, {"audio.channels", "4"}}),
+               node(8, 1, {{"media.class", "Audio/Sink"}, {"node.name", "tarn_capture.x"}, {"tarn.role", "capture-sink"}}),
                node(9, 0, {{"media.class", "Audio/Source"}, {"node.name", "mic"}})};
     const auto devices = PipeWireDevice::list(g);
-    ASSERT_EQ(devices.size(), 2u);
+    ASSERT_EQ(devices.size(), 3u);
     EXPECT_TRUE(devices[0].isDefault);
     EXPECT_EQ(devices[0].positions, (std::vector<std::string>{"FL", "FR", "FC", "LFE", "RL", "RR"}));
     EXPECT_EQ(devices[1].name, "USB DAC");
     EXPECT_FALSE(devices[1].isDefault);
     EXPECT_EQ(devices[1].channelCount, 2) << "ports tell the layout when the properties do not";
+    EXPECT_EQ(devices[2].channelCount, 4);
 }
 
 } // namespace
