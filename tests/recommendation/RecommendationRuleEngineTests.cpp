@@ -107,6 +107,8 @@ TEST(RecommendationRuleEngine, S4NeutralSongUsesHalfTheTasteCurveBiasAndGentleHe
     EXPECT_EQ(songBand(in, 7), rec(7, 2.0, {s4}));
     in.userBiasDb[7] = 1.0;
     EXPECT_EQ(songBand(in, 7), rec(7, 3.0, {s4, "P1: your usual preference at definition (4 kHz) (+1.0)"}));
+    in.userBiasDb[7] = 0.4; // below the preference threshold: ignored
+    EXPECT_EQ(songBand(in, 7), rec(7, 2.0, {s4}));
 
 
     // H1: min(0.8 × 6, 4) + 0.5 × 4 − 1.0 = 5.
