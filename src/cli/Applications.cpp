@@ -32,18 +32,7 @@ std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDi
 }
 
 std::string category(const ProcessDiscoveryService::Entry& entry) {
-    using namespace ProcessCategory;
-    if (isVideo(entry.bundleID)) return "video";
-    if (auto kind = classifyWebApp(entry.bundleID, entry.displayName)) {
-        switch (*kind) {
-        case WebAppKind::music: return "musicWebApp";
-        case WebAppKind::video: return "videoWebApp";
-        case WebAppKind::unknown: return "webApp";
-        }
-    }
-    if (isBrowser(entry.bundleID)) return "browser";
-    if (isEntertainment(entry.bundleID)) return "entertainment";
-    return "other";
+    return std::string(ProcessCategory::label(ProcessCategory::kindOf(entry.bundleID, entry.displayName)));
 }
 
 } // namespace tarn::cli::Applications

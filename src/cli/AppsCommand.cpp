@@ -1,3 +1,6 @@
+#include <map>
+#include <vector>
+
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -18,10 +21,11 @@ struct AppsOptions {
 
 // Stream node ids are a PipeWire detail the platform interface does not carry; scripts use them
 // to see an application's streams come and go.
-std::vector<uint32_t> streamsOf(PipeWirePlatform& platform, uint32_t objectID) {
+std::map<uint32_t, std::vector<uint32_t>> streamsByObject(PipeWirePlatform& platform) {
+    std::map<uint32_t, std::vector<uint32_t>> streams;
     for (const auto& app : PipeWireApplication::list(platform.connection().graph()))
-        if (app.objectID == objectID) return app.streamNodeIDs;
-    return {};
+        streams[app.objectID] = app.streamNodeIDs;
+    return streams;
 }
 
 int runApps(const AppsOptions& options) {
@@ -38,6 +42,7 @@ int runApps(const AppsOptions& options) {
     const auto& apps = discovery.entries();
 
     if (options.json) {
+        const auto streams = streamsByObject(*platform);
         auto out = nlohmann::json::array();
         for (const auto& app : apps) {
             out.push_back({{"objectID", app.objectID},
@@ -47,7 +52,8 @@ int runApps(const AppsOptions& options) {
                            {"isRunningOutput", app.isRunningOutput},
                            {"category", Applications::category(app)},
                            {"bufferFrames", IOBufferPolicy::preferredFrames(app.bundleID, app.displayName)},
-                           {"streams", streamsOf(*platform, app.objectID)}});
+                           {"streams", streams.count(app.objectID) ? streams.at(app.objectID)
+                                                                   : std::vector<uint32_t>{}}});
         }
         fmt::print("{}\n", out.dump(2));
         return exitOk;

@@ -55,6 +55,11 @@ struct Route {
     bool isRunning = false;
 };
 
+// The I/O buffer size a route asks for, by what kind of application it carries.
+uint32_t requestedFrames(const Route& route) {
+    return IOBufferPolicy::preferredFrames(route.target.bundleID, route.target.displayName);
+}
+
 // One `tarn tap` run. Everything here happens on the control loop's thread; the platform's
 // listeners and the signal watcher only post to the loop, which sleeps until there is work, a
 // meter line is due, or it is time to look at the engines.
@@ -73,7 +78,7 @@ private:
                                                  const std::shared_ptr<RouteDSPChain>& chain) const;
     std::shared_ptr<RouteDSPChain> makeChain(const RouteAudioFormat& format) const;
     uint32_t grantedQuantum(uint32_t deviceID);
-    void announce(const Route& route, const char* event, double rate, uint32_t frames, uint32_t quantum);
+    void announce(const Route& route, const char* event, double rate, uint32_t quantum);
 
     void onProcessesChanged();
     void onDevicesChanged();
@@ -166,9 +171,8 @@ std::shared_ptr<RouteDSPChain> TapSession::makeChain(const RouteAudioFormat& for
 
 std::unique_ptr<RouteAudioEngine> TapSession::makeEngine(const Route& route, const RouteAudioFormat& format,
                                                          const std::shared_ptr<RouteDSPChain>& chain) const {
-    auto frames = IOBufferPolicy::preferredFrames(route.target.bundleID, route.target.displayName);
     return std::make_unique<RouteAudioEngine>(*platform_, route.target.bundleID, route.target.objectID, format, chain,
-                                              16384, frames);
+                                              16384, requestedFrames(route));
 }
 
 uint32_t TapSession::grantedQuantum(uint32_t deviceID) {
@@ -179,8 +183,9 @@ uint32_t TapSession::grantedQuantum(uint32_t deviceID) {
     return quantum;
 }
 
-void TapSession::announce(const Route& route, const char* event, double rate, uint32_t frames, uint32_t quantum) {
+void TapSession::announce(const Route& route, const char* event, double rate, uint32_t quantum) {
     const auto& t = route.target;
+    const auto frames = requestedFrames(route);
     const bool isMove = std::string_view(event) == "deviceChanged";
     if (options_.json) {
         nlohmann::json line{{"event", event},
@@ -308,8 +313,7 @@ void TapSession::followDefaultTo(const OutputDeviceInfo& device) {
         r.engine->stop();
         r.engine = std::move(engine);
         r.chain = std::move(chain);
-        auto frames = IOBufferPolicy::preferredFrames(r.target.bundleID, r.target.displayName);
-        announce(r, "deviceChanged", rate, frames, grantedQuantum(format_.outputDeviceID));
+        announce(r, "deviceChanged", rate, grantedQuantum(format_.outputDeviceID));
     }
 }
 
@@ -395,8 +399,7 @@ int TapSession::run() {
                                                         route.target.pid, e.description()));
         }
         route.isRunning = true;
-        auto frames = IOBufferPolicy::preferredFrames(route.target.bundleID, route.target.displayName);
-        announce(route, "started", rate, frames, grantedQuantum(format_.outputDeviceID));
+        announce(route, "started", rate, grantedQuantum(format_.outputDeviceID));
     }
     if (!options_.json) fmt::print("Ctrl-C stops and returns the application to its normal output.\n");
     std::fflush(stdout);

@@ -37,11 +37,16 @@ double checkedBound(double value, const char* what) {
 
 std::uint32_t preferredFrames(std::optional<std::string_view> bundleID, std::optional<std::string_view> displayName) {
     if (!bundleID || bundleID->empty()) return musicFrames;
-    if (ProcessCategory::isVideo(*bundleID)) return lowLatencyFrames;
-    if (auto kind = ProcessCategory::classifyWebApp(*bundleID, displayName)) {
-        return *kind == ProcessCategory::WebAppKind::music ? musicFrames : lowLatencyFrames;
+    using ProcessCategory::Kind;
+    switch (ProcessCategory::kindOf(*bundleID, displayName)) {
+    case Kind::video:
+    case Kind::videoWebApp:
+    case Kind::webApp:
+    case Kind::browser: return lowLatencyFrames;
+    case Kind::musicWebApp:
+    case Kind::entertainment:
+    case Kind::other: break;
     }
-    if (ProcessCategory::isBrowser(*bundleID)) return lowLatencyFrames;
     return musicFrames;
 }
 

@@ -108,6 +108,33 @@ bool isVideo(std::string_view bundleID) { return contains(video, bundleID); }
 bool isWebApp(std::string_view bundleID) { return startsWithAny(webAppPrefixes, bundleID); }
 bool isBrowser(std::string_view bundleID) { return startsWithAny(browsers, bundleID); }
 
+Kind kindOf(std::string_view bundleID, std::optional<std::string_view> displayName) {
+    if (isVideo(bundleID)) return Kind::video;
+    if (auto kind = classifyWebApp(bundleID, displayName)) {
+        switch (*kind) {
+        case WebAppKind::music: return Kind::musicWebApp;
+        case WebAppKind::video: return Kind::videoWebApp;
+        case WebAppKind::unknown: return Kind::webApp;
+        }
+    }
+    if (isBrowser(bundleID)) return Kind::browser;
+    if (isEntertainment(bundleID)) return Kind::entertainment;
+    return Kind::other;
+}
+
+std::string_view label(Kind kind) {
+    switch (kind) {
+    case Kind::video: return "video";
+    case Kind::musicWebApp: return "musicWebApp";
+    case Kind::videoWebApp: return "videoWebApp";
+    case Kind::webApp: return "webApp";
+    case Kind::browser: return "browser";
+    case Kind::entertainment: return "entertainment";
+    case Kind::other: break;
+    }
+    return "other";
+}
+
 std::optional<WebAppKind> classifyWebApp(std::string_view bundleID, std::optional<std::string_view> displayName) {
     if (!isWebApp(bundleID)) return std::nullopt;
     std::string lowered(displayName.value_or(std::string_view{}));

@@ -27,6 +27,13 @@ std::optional<WebAppKind> classifyWebApp(std::string_view bundleID, std::optiona
 // The identity starts with one of `browserBundleIDs` (a browser or one of its helper processes).
 bool isBrowser(std::string_view bundleID);
 
+// The one decision the buffer policy and the command line's labels share: video before web apps
+// before browsers before entertainment.
+enum class Kind { video, musicWebApp, videoWebApp, webApp, browser, entertainment, other };
+Kind kindOf(std::string_view bundleID, std::optional<std::string_view> displayName);
+// "video", "musicWebApp", "videoWebApp", "webApp", "browser", "entertainment" or "other".
+std::string_view label(Kind kind);
+
 std::span<const std::string_view> entertainmentBundleIDs();
 std::span<const std::string_view> videoBundleIDs();
 std::span<const std::string_view> webAppBundlePrefixes();

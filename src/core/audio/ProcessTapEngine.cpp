@@ -101,8 +101,7 @@ double ProcessTapEngine::start(RouteDSPChain* dspChain) {
     aggregate.taps = {{uid, true}};
     AudioPlatform::ObjectID device = 0;
     if (auto status = platform_.createAggregateDevice(aggregate, device)) {
-        platform_.destroyProcessTap(tapID_);
-        tapID_ = 0;
+        stop();
         throw StartError(Case::aggregateCreationFailed, status);
     }
     aggregateDeviceID_ = device;
@@ -122,23 +121,13 @@ double ProcessTapEngine::start(RouteDSPChain* dspChain) {
     AudioPlatform::IOProcHandle handle = 0;
     const auto procStatus = platform_.createIOProc(aggregateDeviceID_, &CaptureKernel::ioProc, &kernel_, handle);
     if (procStatus != AudioPlatform::noError || handle == 0) {
-        freeScratch();
-        platform_.destroyAggregateDevice(aggregateDeviceID_);
-        aggregateDeviceID_ = 0;
-        platform_.destroyProcessTap(tapID_);
-        tapID_ = 0;
+        stop();
         throw StartError(Case::ioProcCreationFailed, procStatus);
     }
     ioProcID_ = handle;
 
     if (auto status = platform_.startDevice(aggregateDeviceID_, ioProcID_)) {
-        platform_.destroyIOProc(aggregateDeviceID_, ioProcID_);
-        ioProcID_ = 0;
-        freeScratch();
-        platform_.destroyAggregateDevice(aggregateDeviceID_);
-        aggregateDeviceID_ = 0;
-        platform_.destroyProcessTap(tapID_);
-        tapID_ = 0;
+        stop(); // not running yet: undoes what exists, newest first
         throw StartError(Case::deviceStartFailed, status);
     }
 

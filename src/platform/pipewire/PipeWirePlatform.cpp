@@ -579,6 +579,14 @@ struct PipeWirePlatform::Impl {
         if (!n->capture.load(std::memory_order_relaxed) && !n->render.load(std::memory_order_relaxed)) destroyNode(*n);
     }
 
+    // Takes a part out of service: its callback stops (the barrier in `detach` makes sure), it
+    // leaves its node, and a render part gives its capture sink back for another unit to pair with.
+    void release(Part& p) {
+        p.isRunning.store(false, std::memory_order_release);
+        detach(p);
+        if (!p.isCapture) unpair(p);
+    }
+
     std::optional<std::string> failureOf(const Part& p) const {
         if (!p.failure.empty()) return p.failure;
         if (!p.node) return std::nullopt;
@@ -650,10 +658,7 @@ PipeWirePlatform::~PipeWirePlatform() {
     {
         PipeWireConnection::Lock lock(*connection_);
         for (auto* parts : {&impl_->units, &impl_->ioProcs})
-            for (auto& [h, p] : *parts) {
-                impl_->deactivate(*p);
-                impl_->detach(*p);
-            }
+            for (auto& [h, p] : *parts) impl_->release(*p);
         for (auto& [id, sink] : impl_->sinks) impl_->destroySink(*sink);
         impl_->units.clear();
         impl_->ioProcs.clear();
@@ -857,8 +862,7 @@ AudioPlatform::Status PipeWirePlatform::destroyIOProc(ObjectID deviceID, IOProcH
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->ioProcs.find(handle);
     if (it == impl_->ioProcs.end()) return -ENOENT;
-    impl_->deactivate(*it->second);
-    impl_->detach(*it->second);
+    impl_->release(*it->second);
     impl_->ioProcs.erase(it);
     return noError;
 }
@@ -991,9 +995,7 @@ AudioPlatform::Status PipeWirePlatform::uninitializeOutputUnit(OutputUnitHandle 
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->units.find(unit);
     if (it == impl_->units.end()) return -ENOENT;
-    impl_->deactivate(*it->second);
-    impl_->detach(*it->second);
-    impl_->unpair(*it->second);
+    impl_->release(*it->second);
     it->second->isInitialized = false;
     return noError;
 }
@@ -1002,9 +1004,7 @@ AudioPlatform::Status PipeWirePlatform::disposeOutputUnit(OutputUnitHandle unit)
     PipeWireConnection::Lock lock(*connection_);
     auto it = impl_->units.find(unit);
     if (it == impl_->units.end()) return -ENOENT;
-    impl_->deactivate(*it->second);
-    impl_->detach(*it->second);
-    impl_->unpair(*it->second);
+    impl_->release(*it->second);
     impl_->retiredXruns += it->second->xruns.load(std::memory_order_relaxed);
     impl_->units.erase(it);
     return noError;
