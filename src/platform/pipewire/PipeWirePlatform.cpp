@@ -115,7 +115,6 @@ struct PipeWirePlatform::Impl {
         bool isInitialized = false;
         ObjectID pairedSink = 0; // render: the capture sink whose route it plays
         Node* node = nullptr;
-        std::string failure;
     };
     std::map<IOProcHandle, std::unique_ptr<Part>> ioProcs;
     std::map<OutputUnitHandle, std::unique_ptr<Part>> units;
@@ -515,7 +514,7 @@ struct PipeWirePlatform::Impl {
         bool failed = false;
         bool ok = connection->waitLocked(
             [&] {
-                failed = n.state == PW_FILTER_STATE_ERROR || !n.failure.empty() ||
+                failed = !n.failure.empty() ||
                          std::any_of(n.links.begin(), n.links.end(), [](auto& l) { return !l->failure.empty(); });
                 return failed || done();
             },
@@ -588,7 +587,6 @@ struct PipeWirePlatform::Impl {
     }
 
     std::optional<std::string> failureOf(const Part& p) const {
-        if (!p.failure.empty()) return p.failure;
         if (!p.node) return std::nullopt;
         if (auto text = sideFailure(*p.node, p.isCapture); !text.empty()) return text;
         // The node has no resampler: its chain was designed for one rate and the graph left it.
