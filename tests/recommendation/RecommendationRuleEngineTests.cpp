@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
+#include <string_view>
 
 #include "core/recommendation/RecommendationRuleEngine.hpp"
 
@@ -226,33 +228,74 @@ TEST(RecommendationRuleEngine, G5SmoothsSteepNeighbourSteps) {
     EXPECT_EQ(taste[1].gainDb, 0.0);
 }
 
+// The taste layer on a learned curve, neutral headphone, no bias: the curve is the pre-guard gain.
+std::vector<BandRecommendation> tasteRecs(std::vector<double> curve) {
+    auto in = quietInput();
+    in.learnedWarmupCurveDb = std::move(curve);
+    return Engine::recommend(in, RecommendationScope::taste);
+}
+
+std::vector<double> gains(const std::vector<BandRecommendation>& recs) {
+    std::vector<double> g;
+    for (const auto& r : recs) g.push_back(r.gainDb);
+    return g;
+}
+
+bool hasReason(const BandRecommendation& r, std::string_view code) {
+    return std::any_of(r.rationale.begin(), r.rationale.end(), [&](const auto& s) { return s.starts_with(code); });
+}
+
 TEST(RecommendationRuleEngine, TasteCurveGuardsCapClampAndRound) {
-    auto taste = [](std::vector<double> curve) {
-        auto in = quietInput();
-        in.learnedWarmupCurveDb = std::move(curve);
-        return Engine::recommend(in, RecommendationScope::taste);
-    };
-    auto gains = [](const std::vector<BandRecommendation>& recs) {
-        std::vector<double> g;
-        for (const auto& r : recs) g.push_back(r.gainDb);
-        return g;
-    };
     // G1 holds 250 Hz at +4 and G2 the treble at +6.
-    auto recs = taste({0, 0, 0, 8.0, 3.0, 0, 0, 3.0, 9.0, 9.0});
+    auto recs = tasteRecs({0, 0, 0, 8.0, 3.0, 0, 0, 3.0, 9.0, 9.0});
     EXPECT_EQ(recs[3].gainDb, 4.0);
     EXPECT_EQ(recs[8].gainDb, 6.0);
     EXPECT_EQ(recs[9].gainDb, 6.0);
     EXPECT_EQ(recs[3].rationale.back(), "G1: capped at +4.0 — 250 Hz boosts turn muddy fast");
     EXPECT_EQ(recs[8].rationale.back(), "G2: treble boost capped at +6.0");
-    // G4: 40 dB of boosts scaled to the 28 dB budget (2.8 rounds to 3); exactly 28 dB is left alone.
-    recs = taste(std::vector<double>(10, 4.0));
-    EXPECT_EQ(recs[5].gainDb, 3.0);
-    EXPECT_EQ(recs[5].rationale.back(), "G4: scaled down — total boost budget");
-    EXPECT_EQ(taste({4, 4, 4, 4, 4, 4, 4, 0, 0, 0})[5].gainDb, 4.0);
     // The final clamp to ±12 and rounding away from zero, never to −0.
-    const auto clamped = gains(taste({-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0}));
+    const auto clamped = gains(tasteRecs({-15.0, -12.4, -7.0, -2.5, 2.5, -0.4, 0, 0, 0, 0}));
     EXPECT_EQ(clamped, (std::vector<double>{-12, -12, -7, -3, 3, 0, 0, 0, 0, 0}));
     EXPECT_FALSE(std::signbit(clamped[5]));
+}
+
+TEST(RecommendationRuleEngine, G4ScalesBoostsToExactlyTheBudgetKeepingTheirRatios) {
+    // Boosts sum to 56, so every boost is halved. 500 Hz and 1 kHz sit just either side of a
+    // rounding edge: 11.004 → 5.502 (6) and 10.996 → 5.498 (5). A budget B instead of 28 gives
+    // 5.502·B/28 < 5.5 for B < 27.9898 and 5.498·B/28 > 5.5 for B > 28.0102, so either flips.
+    // Taking the same amount off every boost instead of scaling gives 1 1 3 1 5 8 8 3 −1; the cut
+    // at 16 kHz is neither scaled nor counted.
+    const auto recs = tasteRecs({4, 4, 6, 4, 8, 11.004, 10.996, 6, 2, -2});
+    EXPECT_EQ(gains(recs), (std::vector<double>{2, 2, 3, 2, 4, 6, 5, 3, 1, -2}));
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(recs[i].rationale.back(), "G4: scaled down — total boost budget") << i;
+    EXPECT_FALSE(hasReason(recs[9], "G4"));
+
+    // A total just under, or at, the budget is left alone.
+    for (double last : {3.99, 4.0}) {
+        const auto kept = tasteRecs({4, 4, 4, 4, 4, 4, last, 0, 0, 0});
+        for (const auto& r : kept) EXPECT_FALSE(hasReason(r, "G4")) << "7th boost " << last << ", band " << r.bandIndex;
+        EXPECT_EQ(kept[6].gainDb, 4.0);
+    }
+}
+
+TEST(RecommendationRuleEngine, GuardsSmoothThenCapThenBudgetThenClamp) {
+    // A steep taste step: 250 Hz +12, 500 Hz +12 plus 5 dB of headphone compensation (H1), 1 kHz +12.
+    auto in = quietInput();
+    in.learnedWarmupCurveDb = std::vector<double>{0, 0, 0, 12, 12, 12};
+    in.headphone.deviationDb[4] = -5.0;
+    const auto recs = Engine::recommend(in, RecommendationScope::taste);
+    // Smoothing, low to high, moves each side of a step over 6 dB by half the excess:
+    //   125|250: 0|12 → 3|9;  250|500: 9|17 → 10|16;  1k|2k: 12|0 → 9|3   ⇒ 0 0 3 10 16 9 3 0 0 0
+    // G1 then caps 250 Hz: 10 → 4 (G8 leaves all: 9 dB of room low, 12 + 5 at 500 Hz).
+    // G4: boosts 3 + 4 + 16 + 9 + 3 = 35 → ×0.8 = 2.4 3.2 12.8 7.2 2.4.
+    // Final: 12.8 clamps to 12, the rest round         ⇒ 0 0 2 3 12 7 2 0 0 0
+    // Capping before smoothing would end 250 Hz at 6 (4|17 → 7.5|13.5, then ×28/33); the budget
+    // before the cap gives 2 4 11 6 2; clamping before the budget gives 3 4 11 8 3.
+    EXPECT_EQ(gains(recs), (std::vector<double>{0, 0, 2, 3, 12, 7, 2, 0, 0, 0}));
+    EXPECT_EQ(recs[3].rationale, (Reasons{"T1: your listening leans Flat curve at low mids (250 Hz)",
+                                          "G5: smoothed toward upper bass (125 Hz)", "G5: smoothed toward mids (500 Hz)",
+                                          "G1: capped at +4.0 — 250 Hz boosts turn muddy fast",
+                                          "G4: scaled down — total boost budget"}));
 }
 
 TEST(RecommendationRuleEngine, G2CutsTrebleWhereSongAndHeadphoneAreBothHot) {
