@@ -92,8 +92,10 @@ std::optional<RouteAudioFormat> OutputDeviceLookup::resolveRouteFormat(const std
     const auto stream = selectStream(streams, streamIndex, preferStereo);
     if (streamIndex && !stream) return std::nullopt; // the saved stream no longer exists
     if (!stream) {
-        return RouteAudioFormat{*deviceID, *deviceUID, std::nullopt, 2, "Stereo Fallback",
-                                RouteCaptureMode::stereoFallback};
+        RouteAudioFormat device;
+        device.outputDeviceID = *deviceID;
+        device.outputDeviceUID = *deviceUID;
+        return RouteAudioFormat::stereoFallback(device);
     }
     return RouteAudioFormat{*deviceID, *deviceUID, stream->streamIndex, stream->channelCount,
                             stream->layoutDescription, RouteCaptureMode::multichannelStream};
