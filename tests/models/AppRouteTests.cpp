@@ -128,9 +128,11 @@ TEST(AppRouteJSON, ForgivingKeysFallBackToDefaultsOnAnyError) {
 TEST(AppRouteDerived, ChannelGainsClampAndMissingEntriesAreNeutral) {
     AppRoute r(UUID::random(), "app", "App");
     r.customEQBands[0].gainDb = 10;
+    r.customEQBands[1].gainDb = -10;
     r.customEQBands[2].gainDb = 4;
-    r.channelEQDeltasDb = {{5, 0, 1.5}, {1e-10}};
+    r.channelEQDeltasDb = {{5, -5, 1.5}, {1e-10}};
     EXPECT_EQ(r.channelEffectiveGainDb(0, 0), 12.0);
+    EXPECT_EQ(r.channelEffectiveGainDb(1, 0), -12.0);
     EXPECT_EQ(r.channelEffectiveGainDb(2, 0), 5.5);
     EXPECT_EQ(r.channelEffectiveGainDb(2, 1), 4.0); // channel 1 has no entry for band 2
     EXPECT_TRUE(r.hasChannelEQDeltas());

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "core/recommendation/RecommendationRuleEngine.hpp"
+#include "support/Signals.hpp"
 
 namespace tarn {
 
@@ -399,20 +400,17 @@ TEST(RecommendationRuleEngine, SanitizeRefinementKeepsDeltasInsideTheLimits) {
 // closed-form response the traits use.
 double measuredGainDb(const std::vector<ParametricFilterSpec>& filters, double frequencyHz, double sampleRate) {
     const int n = int(sampleRate) * 2;
-    std::vector<double> x(n);
-    for (int i = 0; i < n; ++i) x[i] = std::sin(2 * M_PI * frequencyHz * i / sampleRate);
+    auto x = test::interleavedSine(frequencyHz, sampleRate, 1.0, n, 1);
     for (const auto& f : filters) {
         const auto c = f.coefficients(sampleRate);
         double x1 = 0, x2 = 0, y1 = 0, y2 = 0;
-        for (double& v : x) {
+        for (float& v : x) {
             const double y = c.b0 * v + c.b1 * x1 + c.b2 * x2 - c.a1 * y1 - c.a2 * y2;
             x2 = x1; x1 = v; y2 = y1; y1 = y;
-            v = y;
+            v = float(y);
         }
     }
-    double sumSquares = 0;
-    for (int i = n / 2; i < n; ++i) sumSquares += x[i] * x[i];
-    return 20 * std::log10(std::sqrt(sumSquares / (n / 2)) * std::sqrt(2.0));
+    return test::toDb(test::fittedAmplitude(x, 1, 0, frequencyHz, sampleRate, n / 2, n / 2));
 }
 
 TEST(HeadphoneTraits, DeviationIsTheCorrectionTurnedAround) {
