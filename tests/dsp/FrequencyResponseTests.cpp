@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
+#include <vector>
 
 #include "core/dsp/FrequencyResponse.hpp"
 
@@ -31,6 +33,14 @@ TEST(FrequencyResponse, MeasuringFunctionsReadOnlyTheDriveFrequencyAfterTheWarmU
     long samples = 0;
     auto lateStarter = [&](double x) { return samples++ < 4800 ? 0.0 : x; };
     EXPECT_NEAR(FrequencyResponse::measureGainDb(1000, fs, 0.15, lateStarter), 0.0, 1e-6);
+}
+
+TEST(FrequencyResponse, PeakIsTheLargestResponseOverTheListAndMinusInfinityForNone) {
+    // A cookbook peaking section reaches exactly its gain at its centre and less elsewhere.
+    const BiquadCoefficients bell(BiquadKind::peaking, 48000, 1000, 6, 1.0);
+    const std::vector<double> around = {200, 1000, 5000};
+    EXPECT_NEAR(FrequencyResponse::peakMagnitudeDb({&bell, 1}, 48000, around), 6.0, 1e-9);
+    EXPECT_EQ(FrequencyResponse::peakMagnitudeDb({&bell, 1}, 48000, {}), -std::numeric_limits<double>::infinity());
 }
 
 } // namespace
