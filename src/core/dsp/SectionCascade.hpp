@@ -8,7 +8,7 @@ namespace tarn {
 
 // Runs a cascade of biquad sections over one or two channels of an interleaved block with the
 // channels and the sections side by side in SIMD lanes. Lane (row r, group g) runs section
-// g·rows + r one sample behind the section before it, so every lane of every step is
+// g·rows + r two samples behind the section before it, so every lane of every step is
 // independent work; the first section of each group takes its input from the last section of
 // the group before. Each lane's arithmetic is exactly BiquadFilter::processBlock's (direct form
 // I, single precision, same operation order, the same end-of-block state rule), so the output
@@ -25,8 +25,10 @@ public:
     };
 
     // Rows of lanes per pass; a pass holds maxRows · lanes / channels sections (lanes: 8 with
-    // AVX2, 4 otherwise) and longer cascades take several passes.
-    static constexpr int maxRows = 16;
+    // AVX2, 4 otherwise) and longer cascades take several passes. Three rows keep every lane's
+    // history in the sixteen vector registers; with more, each step's feedback goes through
+    // memory and a pass costs more than the extra pass it saves.
+    static constexpr int maxRows = 3;
 
     // Filters channels [firstChannel, firstChannel + channelsInGroup) of `buffer` (interleaved,
     // `stride` samples per frame) in place; channelsInGroup is 1 or 2. Any number of sections.
