@@ -61,10 +61,14 @@ protected:
         platform = std::make_unique<PipeWirePlatform>();
     }
 
-    // Starts a player of the tone (pw-play: a native client; paplay: a PulseAudio one, as most desktop
-    // applications are) and returns its process object once the platform lists it.
-    AudioPlatform::ObjectID startPlayer(const std::string& program = "pw-play") {
-        player = std::make_unique<BackgroundProcess>(std::vector<std::string>{program, (folder / "tone.wav").string()});
+    // Starts a player of the tone and returns its process object once the platform lists it. The
+    // players speak each client interface desktop applications use: pw-play the native one, paplay
+    // PulseAudio's (most desktop applications), aplay ALSA's through PipeWire's ALSA plugin, ffplay
+    // SDL's (games and media players).
+    AudioPlatform::ObjectID startPlayer(const std::vector<std::string>& command = {"pw-play"}) {
+        std::vector<std::string> argv = command;
+        argv.push_back((folder / "tone.wav").string());
+        player = std::make_unique<BackgroundProcess>(argv);
         AudioPlatform::ObjectID found = 0;
         eventually(
             [&] {
@@ -127,8 +131,8 @@ protected:
         EXPECT_EQ(platform->destroyProcessTap(r.tap), 0);
     }
 
-    void checkHeardOnlyThroughItsRouteAndReturnsAfterwards(const std::string& program) {
-        auto process = startPlayer(program);
+    void checkHeardOnlyThroughItsRouteAndReturnsAfterwards(const std::vector<std::string>& player) {
+        auto process = startPlayer(player);
         ASSERT_NE(process, 0u);
         PassThrough route;
         Route r;
@@ -213,11 +217,19 @@ TEST_F(PipeWirePlatformTest, ListsThePlayerAndTheThreeTestSinks) {
 }
 
 TEST_F(PipeWirePlatformTest, CapturedApplicationIsHeardOnlyThroughItsRouteAndReturnsAfterwards) {
-    checkHeardOnlyThroughItsRouteAndReturnsAfterwards("pw-play");
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards({"pw-play"});
 }
 
 TEST_F(PipeWirePlatformTest, PulseAudioClientIsRoutedTheSameWay) {
-    checkHeardOnlyThroughItsRouteAndReturnsAfterwards("paplay");
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards({"paplay"});
+}
+
+TEST_F(PipeWirePlatformTest, AlsaClientIsRoutedTheSameWay) {
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards({"aplay", "-q"});
+}
+
+TEST_F(PipeWirePlatformTest, SdlApplicationIsRoutedTheSameWay) {
+    checkHeardOnlyThroughItsRouteAndReturnsAfterwards({"ffplay", "-nodisp", "-autoexit", "-loglevel", "error"});
 }
 
 TEST_F(PipeWirePlatformTest, GraphRateChangeEndsTheRouteWithAClearError) {
