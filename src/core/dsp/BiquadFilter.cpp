@@ -19,7 +19,7 @@ BiquadFilter::BiquadFilter(int channelCount)
     : b0_(std::bit_cast<std::uint64_t>(1.0)), b1_(0), b2_(0), a1_(0), a2_(0),
       fb0_(std::bit_cast<std::uint32_t>(1.0f)), fb1_(0), fb2_(0), fa1_(0), fa2_(0),
       channelCount_(channelCount < 1 ? 1 : channelCount),
-      x1_(channelCount_, 0.0f), x2_(channelCount_, 0.0f), y1_(channelCount_, 0.0f), y2_(channelCount_, 0.0f) {}
+      state_(std::size_t(channelCount_)) {}
 
 void BiquadFilter::setCoefficients(const BiquadCoefficients& c) {
     const std::uint32_t v = version_.load(std::memory_order_relaxed);
@@ -79,15 +79,13 @@ void BiquadFilter::checkChannel(int channel) const {
 
 bool BiquadFilter::step(float x, int channel, const BiquadFloatCoefficients& c, float& y) {
     checkChannel(channel);
-    y = c.b0 * x + c.b1 * x1_[channel] + c.b2 * x2_[channel] - c.a1 * y1_[channel] - c.a2 * y2_[channel];
+    ChannelState& s = state_[std::size_t(channel)];
+    y = c.b0 * x + c.b1 * s.x1 + c.b2 * s.x2 - c.a1 * s.y1 - c.a2 * s.y2;
     if (!isFiniteFloat(y)) {
-        x1_[channel] = x2_[channel] = y1_[channel] = y2_[channel] = 0.0f;
+        s = ChannelState{};
         return false;
     }
-    x2_[channel] = x1_[channel];
-    x1_[channel] = x;
-    y2_[channel] = y1_[channel];
-    y1_[channel] = y;
+    s = {x, s.x1, y, s.y1};
     return true;
 }
 
@@ -121,7 +119,7 @@ std::pair<double, double> BiquadFilter::processStereo(double left, double right)
 void BiquadFilter::processBlock(float* buffer, int frameCount, int channel, int stride,
                                 const BiquadFloatCoefficients& c) {
     checkChannel(channel);
-    ChannelState s{x1_[channel], x2_[channel], y1_[channel], y2_[channel]};
+    ChannelState s = state_[std::size_t(channel)];
     float* p = buffer + channel;
     for (int i = 0; i < frameCount; ++i, p += stride) {
         const float x = *p;
@@ -141,16 +139,12 @@ bool BiquadFilter::isFiniteState(const ChannelState& s) {
 
 BiquadFilter::ChannelState BiquadFilter::channelState(int channel) const {
     checkChannel(channel);
-    return {x1_[channel], x2_[channel], y1_[channel], y2_[channel]};
+    return state_[std::size_t(channel)];
 }
 
 void BiquadFilter::storeChannelState(int channel, const ChannelState& s) {
     checkChannel(channel);
-    const ChannelState kept = isFiniteState(s) ? s : ChannelState{};
-    x1_[channel] = kept.x1;
-    x2_[channel] = kept.x2;
-    y1_[channel] = kept.y1;
-    y2_[channel] = kept.y2;
+    state_[std::size_t(channel)] = isFiniteState(s) ? s : ChannelState{};
 }
 
 void BiquadFilter::resetChannel(int channel) { storeChannelState(channel, ChannelState{}); }

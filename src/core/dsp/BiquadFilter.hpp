@@ -73,7 +73,7 @@ private:
     mutable std::mutex getterMutex_;   // non-real-time readers only
     mutable BiquadCoefficients getterLastGood_;
     int channelCount_;
-    std::vector<float> x1_, x2_, y1_, y2_;
+    std::vector<ChannelState> state_; // one allocation: a channel's history shares a cache line
 };
 
 } // namespace tarn
