@@ -89,7 +89,9 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
     Lanes<W> finished[rows];
     std::copy(lanes, lanes + rows, finished);
 
-    enum class Edge { none, start, end, both };
+    // Which block edges a step may be on: `both` checks for sections that have not started and
+    // for sections finishing; `end` only for the latter.
+    enum class Edge { none, end, both };
     auto step = [&](int n, auto edgeTag) __attribute__((always_inline)) {
         constexpr Edge edge = decltype(edgeTag)::value;
         // Row 0 of group g takes the output of the last row of group g - 1 from `lag` steps
@@ -107,7 +109,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
             const Vec in = r == 0 ? input0 : lanes[r - 1].y2;
             const Vec x = Gained && rowGained[r] ? in * l.gain : in;
             const Vec y = l.b0 * x + l.b1 * l.x1 + l.b2 * l.x2 - l.a1 * l.y1 - l.a2 * l.y2;
-            if constexpr (edge == Edge::start || edge == Edge::both) {
+            if constexpr (edge == Edge::both) {
                 // Lanes whose section has not reached its first sample keep their state.
                 const IVec started = n - lag * laneSection[r] >= 0;
                 l.x2 = started ? l.x1 : l.x2;
@@ -120,7 +122,7 @@ inline __attribute__((always_inline)) void runPass(float* buffer, int frameCount
                 l.y2 = l.y1;
                 l.y1 = y;
             }
-            if constexpr (edge == Edge::end || edge == Edge::both) {
+            if constexpr (edge != Edge::none) {
                 const IVec done = n - lag * laneSection[r] == frameCount - 1;
                 Lanes<W>& f = finished[r];
                 f.x1 = done ? l.x1 : f.x1;
