@@ -787,7 +787,10 @@ AudioPlatform::Status PipeWirePlatform::createAggregateDevice(const AggregateDev
         description.name.c_str(), PW_KEY_MEDIA_CLASS, "Audio/Sink", PW_KEY_NODE_VIRTUAL, "true", PW_KEY_NODE_GROUP,
         sink->group.c_str(), "tarn.role", "capture-sink", "tarn.route.uid", description.uid.c_str(),
         // Never the default output, and never the driver when a real device can drive.
-        PW_KEY_PRIORITY_SESSION, "0", PW_KEY_PRIORITY_DRIVER, "1", "monitor.channel-volumes", "true", nullptr);
+        PW_KEY_PRIORITY_SESSION, "0", PW_KEY_PRIORITY_DRIVER, "1", "monitor.channel-volumes", "true",
+        // A session manager that honours it neither restores a volume onto the sink (the route's
+        // level would change behind the user's back) nor keeps a record of every route's sink.
+        "state.restore-props", "false", nullptr);
     pw_properties_setf(props, PW_KEY_AUDIO_CHANNELS, "%u", tap->format.channelCount);
     pw_properties_set(props, SPA_KEY_AUDIO_POSITION, joined(tap->positions).c_str());
     pw_properties_setf(props, PW_KEY_AUDIO_RATE, "%u", unsigned(tap->format.sampleRate));
