@@ -2,6 +2,7 @@
 
 #include "core/dsp/CpuDispatch.hpp"
 
+#include <algorithm>
 #include <cmath>
 
 // The vector helpers below are always inlined into their dispatched callers, so the
@@ -62,6 +63,9 @@ namespace {
 typedef float Vec __attribute__((vector_size(32)));
 typedef int IVec __attribute__((vector_size(32)));
 
+// The peaks below are taken over magnitudes that are never NaN, so std::max does; std::fmax would
+// be a library call per lane.
+
 // The peak of a block that lies wholly at or below the knee (and holds no NaN), where the limiter
 // changes nothing; a negative result when some sample needs the limiter.
 inline __attribute__((always_inline)) float peakBelowKnee(const float* samples, int count) {
@@ -79,12 +83,12 @@ inline __attribute__((always_inline)) float peakBelowKnee(const float* samples, 
     float result = 0.0f;
     for (int k = 0; k < width; ++k) {
         if (outside[k]) return -1.0f;
-        result = std::fmax(result, peak[k]);
+        result = std::max(result, peak[k]);
     }
     for (; i < count; ++i) {
         const float m = std::fabs(samples[i]);
         if (!(m <= 0.83f)) return -1.0f;
-        result = std::fmax(result, m);
+        result = std::max(result, m);
     }
     return result;
 }
@@ -122,7 +126,7 @@ inline __attribute__((always_inline)) float limitBlockBody(float* samples, int c
     float result = 0.0f;
     bool anyOver = false;
     for (int k = 0; k < width; ++k) {
-        result = std::fmax(result, peak[k]);
+        result = std::max(result, peak[k]);
         anyOver |= over[k] != 0;
     }
     for (; i < count; ++i) {
@@ -130,7 +134,7 @@ inline __attribute__((always_inline)) float limitBlockBody(float* samples, int c
         const bool isOver = std::fabs(x) > 0.83f;
         const float y = std::isnan(x) ? 0.0f : Limiter::saturate(x);
         anyOver |= isOver;
-        result = std::fmax(result, std::fabs(y));
+        result = std::max(result, std::fabs(y));
         samples[i] = y;
     }
     anyOverKnee = anyOver;
