@@ -53,6 +53,42 @@ TEST(PipeWireApplications, StreamsOfOneProcessFormOneEntryAndOwnNodesAreNeverLis
     EXPECT_TRUE(PipeWireApplication::streamBelongsTo(stream, &c, 0, "vlc.desktop"));
 }
 
+// Sandboxed applications report pids from inside their sandbox; the kernel's pid of a native
+// connection is the host's, and PulseAudio clients arrive through pipewire-pulse's connection.
+TEST(PipeWireApplications, PidsComeFromWhereTheyCanBeTrusted) {
+    PipeWireGraph g;
+    // Two Flatpaks playing natively: each reports pid 2, the kernel knows better.
+    g.clients[20] = client(20, {{"application.process.id", "2"}, {"pipewire.sec.pid", "4100"},
+                                {"pipewire.access", "flatpak"}, {"pipewire.access.portal.app_id", "org.example.Game"}});
+    g.clients[21] = client(21, {{"application.process.id", "2"}, {"pipewire.sec.pid", "4200"},
+                                {"pipewire.access", "flatpak"}, {"pipewire.access.portal.app_id", "org.example.Radio"}});
+    // Two Flatpaks through pipewire-pulse, whose own pid the kernel reports: only pid 2 each.
+    const PipeWireProperties pulse{{"client.api", "pipewire-pulse"}, {"pipewire.sec.pid", "900"},
+                                   {"application.process.id", "2"}, {"pipewire.access", "flatpak"}};
+    g.clients[22] = client(22, pulse);
+    g.clients[22].props["pipewire.access.portal.app_id"] = "com.example.Music";
+    g.clients[23] = client(23, pulse);
+    g.clients[23].props["pipewire.access.portal.app_id"] = "com.example.Chat";
+    g.clients[24] = g.clients[22];   // a second connection of the same application
+    // An ordinary PulseAudio client.
+    g.clients[25] = client(25, {{"client.api", "pipewire-pulse"}, {"pipewire.sec.pid", "900"},
+                                {"application.process.id", "5150"}, {"application.process.binary", "paplay"}});
+    g.nodes = {node(50, 20, output), node(51, 21, output), node(52, 22, output), node(53, 23, output),
+               node(54, 24, output), node(55, 25, output)};
+    const auto apps = PipeWireApplication::list(g);
+    ASSERT_EQ(apps.size(), 5u);
+    EXPECT_EQ(apps[0].pid, 4100);
+    EXPECT_EQ(apps[1].pid, 4200);
+    EXPECT_EQ(apps[2].identity, "com.example.Music");
+    EXPECT_EQ(apps[2].streamNodeIDs, (std::vector<uint32_t>{52, 54})) << "one application over two connections";
+    EXPECT_EQ(apps[3].identity, "com.example.Chat") << "a shared sandbox pid must not merge two applications";
+    EXPECT_EQ(apps[4].pid, 5150) << "not pipewire-pulse's own pid";
+
+    // A route of the music application follows its new streams and no other sandbox's.
+    EXPECT_TRUE(PipeWireApplication::streamBelongsTo(g.nodes[4], g.client(24), 2, "com.example.Music"));
+    EXPECT_FALSE(PipeWireApplication::streamBelongsTo(g.nodes[3], g.client(23), 2, "com.example.Music"));
+}
+
 TEST(PipeWireDevices, SinksWithLayoutsAndTheDefaultMarked) {
     PipeWireGraph g;
     g.defaultSinkName = "hdmi";

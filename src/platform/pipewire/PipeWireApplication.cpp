@@ -27,14 +27,36 @@ std::string PipeWireApplication::identityOf(const PipeWireNodeRecord& node, cons
                     node.prop("application.process.binary"), clientProp(client, "application.process.binary")});
 }
 
+namespace {
+
+// pipewire-pulse speaks for PulseAudio clients: the kernel-checked pid of the connection is its
+// own, so only the pid the application reported names the application.
+bool viaPulseServer(const PipeWireClientRecord* client) { return clientProp(client, "client.api") == "pipewire-pulse"; }
+
+// A sandboxed application reports its pid inside the sandbox, where every Flatpak's main
+// process tends to have the same small number.
+bool sandboxed(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    return !clientProp(client, "pipewire.access.portal.app_id").empty() ||
+           !node.prop("pipewire.access.portal.app_id").empty() || clientProp(client, "pipewire.access") == "flatpak";
+}
+
+} // namespace
+
 int32_t PipeWireApplication::pidOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
-    auto text = firstOf({node.prop("application.process.id"), clientProp(client, "application.process.id"),
+    // The kernel's pid of the connection is in the host's pid namespace and cannot be made up;
+    // the reported one is the only one a PulseAudio client has.
+    const auto trusted = viaPulseServer(client) ? std::string{} : clientProp(client, "pipewire.sec.pid");
+    auto text = firstOf({trusted, node.prop("application.process.id"), clientProp(client, "application.process.id"),
                          clientProp(client, "pipewire.sec.pid")});
     try {
         return text.empty() ? 0 : static_cast<int32_t>(std::stol(text));
     } catch (...) {
         return 0;
     }
+}
+
+bool PipeWireApplication::pidIsSandboxLocal(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    return viaPulseServer(client) && sandboxed(node, client);
 }
 
 bool PipeWireApplication::isApplicationStream(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
@@ -46,8 +68,8 @@ bool PipeWireApplication::isApplicationStream(const PipeWireNodeRecord& node, co
 bool PipeWireApplication::streamBelongsTo(const PipeWireNodeRecord& node, const PipeWireClientRecord* client,
                                           int32_t pid, const std::string& identity) {
     if (!isApplicationStream(node, client)) return false;
-    if (pid > 0) return pidOf(node, client) == pid;
-    return identityOf(node, client) == identity;
+    if (pid <= 0) return identityOf(node, client) == identity;
+    return pidOf(node, client) == pid && (!pidIsSandboxLocal(node, client) || identityOf(node, client) == identity);
 }
 
 std::vector<PipeWireApplication> PipeWireApplication::list(const PipeWireGraph& graph) {
@@ -58,6 +80,7 @@ std::vector<PipeWireApplication> PipeWireApplication::list(const PipeWireGraph& 
         if (!isApplicationStream(node, client)) continue;
         int32_t pid = pidOf(node, client);
         auto key = pid > 0 ? "pid:" + std::to_string(pid) : "client:" + std::to_string(node.clientID);
+        if (pid > 0 && pidIsSandboxLocal(node, client)) key += '/' + identityOf(node, client);
         auto [it, inserted] = byProcess.try_emplace(key, apps.size());
         if (inserted) {
             PipeWireApplication app;

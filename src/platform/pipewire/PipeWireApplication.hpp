@@ -26,6 +26,9 @@ struct PipeWireApplication {
     // Identity and pid of the process behind one output stream node.
     static std::string identityOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client);
     static int32_t pidOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client);
+    // True when that pid is only the one a sandboxed PulseAudio client reported from inside its
+    // sandbox: two such applications can share it, so their identity tells them apart.
+    static bool pidIsSandboxLocal(const PipeWireNodeRecord& node, const PipeWireClientRecord* client);
     // Output streams that belong to an application (pid when known, else identity and client).
     static bool streamBelongsTo(const PipeWireNodeRecord& node, const PipeWireClientRecord* client, int32_t pid,
                                 const std::string& identity);
