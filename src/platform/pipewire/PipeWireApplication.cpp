@@ -19,16 +19,6 @@ std::string clientProp(const PipeWireClientRecord* client, const std::string& ke
     return it == client->props.end() ? std::string{} : it->second;
 }
 
-} // namespace
-
-std::string PipeWireApplication::identityOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
-    return firstOf({clientProp(client, "pipewire.access.portal.app_id"), node.prop("pipewire.access.portal.app_id"),
-                    node.prop("application.id"), clientProp(client, "application.id"),
-                    node.prop("application.process.binary"), clientProp(client, "application.process.binary")});
-}
-
-namespace {
-
 // pipewire-pulse speaks for PulseAudio clients: the kernel-checked pid of the connection is its
 // own, so only the pid the application reported names the application.
 bool viaPulseServer(const PipeWireClientRecord* client) { return clientProp(client, "client.api") == "pipewire-pulse"; }
@@ -42,12 +32,18 @@ bool sandboxed(const PipeWireNodeRecord& node, const PipeWireClientRecord* clien
 
 } // namespace
 
+std::string PipeWireApplication::identityOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
+    return firstOf({clientProp(client, "pipewire.access.portal.app_id"), node.prop("pipewire.access.portal.app_id"),
+                    node.prop("application.id"), clientProp(client, "application.id"),
+                    node.prop("application.process.binary"), clientProp(client, "application.process.binary")});
+}
+
 int32_t PipeWireApplication::pidOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client) {
     // The kernel's pid of the connection is in the host's pid namespace and cannot be made up;
     // the reported one is the only one a PulseAudio client has.
-    const auto trusted = viaPulseServer(client) ? std::string{} : clientProp(client, "pipewire.sec.pid");
-    auto text = firstOf({trusted, node.prop("application.process.id"), clientProp(client, "application.process.id"),
-                         clientProp(client, "pipewire.sec.pid")});
+    const std::string kernel = clientProp(client, "pipewire.sec.pid");
+    const std::string reported = firstOf({node.prop("application.process.id"), clientProp(client, "application.process.id")});
+    const std::string text = viaPulseServer(client) ? firstOf({reported, kernel}) : firstOf({kernel, reported});
     try {
         return text.empty() ? 0 : static_cast<int32_t>(std::stol(text));
     } catch (...) {
