@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/dsp/BiquadFilter.hpp"
@@ -116,6 +118,90 @@ TEST(BankPublication, WholeRouteChainUnderConstantControlChanges) {
     }
     control.join();
     EXPECT_TRUE(bounded);
+}
+
+// The control thread flips the route between two gains whose safety ceilings differ, with a
+// flat equaliser (so the ceiling is found by a real response estimate), while the audio thread
+// runs a constant level. Every level the route may produce lies between the two settings' own
+// overall gains, worked out here from the dB values alone: 0 dB − 8 dB trim + 4 dB make-up is
+// −4 dB and under the ceiling; +12 dB − 8 + 4 is +8 dB, which the ceiling brings back to 0 dB.
+// The new gain under the old ceiling (or the reverse) lands far outside: +8 dB or −12 dB.
+namespace gainflip {
+constexpr double trimDb = -8, makeupDb = 4, lowGainDb = 0, highGainDb = 12;
+constexpr float amplitude = 0.2f;   // ×2.5 (the worst tear) stays under the limiter's knee
+constexpr double tolerance = 1e-4;  // the flat sections' single-precision rounding
+
+double overallGain(double gainDb) {
+    const double db = gainDb + trimDb + makeupDb;
+    return db > 0 ? 1.0 : std::pow(10.0, db / 20);
+}
+
+struct Outcome {
+    long outside = 0, levelChanges = 0, steps = 0;
+    float worstLow = amplitude, worstHigh = 0;
+};
+
+// `step` runs one slice of audio and returns the lowest and highest |output| in it.
+template <typename Step> Outcome flipGainsWhileRunning(RouteDSPChain& chain, Step step) {
+    chain.setOutputTrim(trimDb);
+    chain.setGain(lowGainDb);
+    std::atomic<bool> done{false};
+    std::atomic<long> changesSeen{0};
+    std::thread control([&] {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        for (int i = 1; (i < 400 || changesSeen.load(std::memory_order_relaxed) < 200) &&
+                        std::chrono::steady_clock::now() < deadline;
+             ++i)
+            chain.setGain(i % 2 ? highGainDb : lowGainDb);
+        chain.setGain(lowGainDb);
+        done.store(true);
+    });
+    const float low = float(amplitude * overallGain(lowGainDb) * (1 - tolerance));
+    const float high = float(amplitude * overallGain(highGainDb) * (1 + tolerance));
+    Outcome o;
+    float lastHigh = -1;
+    while (!done.load() || o.steps < 10) {
+        const auto [lo, hi] = step();
+        if (!(lo >= low && hi <= high)) ++o.outside;   // NaN counts as outside
+        o.worstLow = std::min(o.worstLow, lo);
+        o.worstHigh = std::max(o.worstHigh, hi);
+        if (std::abs(hi - lastHigh) > amplitude * 1e-3f) changesSeen.store(++o.levelChanges, std::memory_order_relaxed);
+        lastHigh = hi;
+        ++o.steps;
+    }
+    control.join();
+    return o;
+}
+} // namespace gainflip
+
+TEST(ScalarGainPublication, BlocksNeverRunOneSettingsGainUnderAnothersCeiling) {
+    using namespace gainflip;
+    RouteDSPChain chain(2, 48000, UptimeClock{[] { return 0.0; }});
+    const int frames = 64;
+    std::vector<float> x(2 * frames);
+    const Outcome o = flipGainsWhileRunning(chain, [&] {
+        std::fill(x.begin(), x.end(), amplitude);
+        chain.processInterleaved(x.data(), frames);
+        float lo = amplitude, hi = 0;
+        for (float v : x) lo = std::min(lo, std::abs(v)), hi = std::max(hi, std::abs(v));
+        return std::pair{lo, hi};
+    });
+    EXPECT_EQ(o.outside, 0) << "levels seen " << o.worstLow << " to " << o.worstHigh << " in " << o.steps << " blocks";
+    EXPECT_GT(o.levelChanges, 2) << "the audio thread must have raced the control thread";
+    EXPECT_NEAR(chain.ceilingAttenuationLinear(), 1.0, 1e-12) << "the last setting is under the ceiling";
+    EXPECT_FALSE(chain.isSafetyCeilingActive());
+}
+
+TEST(ScalarGainPublication, SampleBySamplePathReadsOneWholeSetPerFrame) {
+    using namespace gainflip;
+    RouteDSPChain chain(2, 48000, UptimeClock{[] { return 0.0; }});
+    const Outcome o = flipGainsWhileRunning(chain, [&] {
+        const auto [l, r] = chain.processStereo(amplitude, -amplitude);
+        const float a = float(std::abs(l)), b = float(std::abs(r));
+        return std::pair{std::min(a, b), std::max(a, b)};
+    });
+    EXPECT_EQ(o.outside, 0) << "levels seen " << o.worstLow << " to " << o.worstHigh << " in " << o.steps << " frames";
+    EXPECT_GT(o.levelChanges, 2) << "the audio thread must have raced the control thread";
 }
 
 } // namespace

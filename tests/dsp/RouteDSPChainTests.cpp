@@ -115,6 +115,25 @@ TEST(RouteDSPChain, MuteSilencesTheNextBlockAndUnmuteFadesBackIn) {
     EXPECT_NEAR(dc[2 * (rampFrames + 1)], full, 1e-6);
 }
 
+// A gain change made while muted arrives under the unmute fade alone, with no second ramp from
+// the old gain on top of it.
+TEST(RouteDSPChain, GainChangedWhileMutedComesBackUnderTheFadeAlone) {
+    RouteDSPChain chain(2, 48000);
+    chain.setSafetyCeilingEnabled(false);
+    chain.setGain(-3);
+    auto x = test::interleavedSine(300, 48000, 0.5, 512, 2);
+    run(chain, x, 512, 512);
+    chain.setMuted(true);
+    run(chain, x, 512, 512);
+    chain.setGain(2);
+    chain.setMuted(false);
+    std::vector<float> dc(2 * 960, 0.25f);
+    run(chain, dc, 960, 960);
+    const int rampFrames = int(RouteDSPChain::unmuteRampSeconds * 48000);
+    EXPECT_NEAR(dc[2 * (rampFrames + 1)], 0.25 * std::pow(10.0, 6.0 / 20), 1e-6) << "+2 dB + 4 dB";
+    EXPECT_NEAR(dc[2 * 959], 0.25 * std::pow(10.0, 6.0 / 20), 1e-6);
+}
+
 TEST(RouteDSPChain, ChannelBackFromSilenceStartsFromClearedFilterState) {
     const double fs = 48000;
     auto makeChain = [] {
@@ -246,6 +265,104 @@ TEST(RouteDSPChain, RecomputeEffectiveQsSoftensTheGenreUnderCorrection) {
         EXPECT_NEAR(chain.customEQ().bands()[i].q, 0.25 * qVector(GenrePreset::edm)[i] + 0.75 * TenBandLayout::defaultQ, 1e-12);
     chain.recomputeEffectiveQs(GenrePreset::edm, nullptr);
     for (int i = 0; i < 10; ++i) EXPECT_EQ(chain.customEQ().bands()[i].q, qVector(GenrePreset::edm)[i]);
+}
+
+double linear(double db) { return std::pow(10.0, db / 20.0); }
+
+// Two channels of DC (0.1 and −0.2): every output sample is then the gain it was given, times
+// the input, and a step in gain shows as a step in the samples.
+std::vector<float> dcBlock(int frames) {
+    std::vector<float> x(std::size_t(frames) * 2);
+    for (int f = 0; f < frames; ++f) {
+        x[2 * f] = 0.1f;
+        x[2 * f + 1] = -0.2f;
+    }
+    return x;
+}
+
+TEST(RouteDSPChain, GainStepRampsLinearlyAcrossTheNextBlockWithNoJumpAtItsEdge) {
+    RouteDSPChain chain(2, 48000);
+    chain.customEQ().setBypassed(true);
+    chain.setSafetyCeilingEnabled(false);
+    chain.setOutputTrim(-4);   // trim and make-up cancel: the route gain alone sets the level
+    chain.setGain(-6);
+    const int block = 256;
+    auto x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    const double from = linear(-6), to = linear(6);
+    ASSERT_NEAR(x[2 * (block - 1)], 0.1 * from, 1e-7);
+
+    chain.setGain(6);
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    const double step = (to - from) / block;
+    double largestJump = std::abs(x[0] - 0.1 * from);   // across the block edge
+    for (int f = 0; f < block; ++f) {
+        const double g = from + step * (f + 1);
+        ASSERT_NEAR(x[2 * f], 0.1 * g, 1e-6) << f;
+        ASSERT_NEAR(x[2 * f + 1], -0.2 * g, 2e-6) << f << ": both channels share one ramp";
+        if (f > 0) largestJump = std::max(largestJump, double(std::abs(x[2 * f] - x[2 * f - 2])));
+    }
+    EXPECT_LE(largestJump, 0.1 * step * 1.001);
+
+    // The ramp ends on the new gain and the next block holds it; a step down ramps too.
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    for (int f = 0; f < block; ++f) ASSERT_NEAR(x[2 * f], 0.1 * to, 1e-6) << f;
+    chain.setGain(-6);
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_NEAR(x[0], 0.1 * (to + (from - to) / block), 1e-6);
+    EXPECT_NEAR(x[2 * (block / 2 - 1)], 0.1 * (to + from) / 2, 1e-6);
+    EXPECT_NEAR(x[2 * (block - 1)], 0.1 * from, 1e-7);
+}
+
+TEST(RouteDSPChain, SteadyBlocksApplyTheExactGainAndStartsDoNotRamp) {
+    const int block = 128;
+    auto allEqual = [](const std::vector<float>& x, float left, float right) {
+        for (std::size_t i = 0; i < x.size(); i += 2)
+            if (x[i] != left || x[i + 1] != right) return false;
+        return true;
+    };
+    // A new chain runs its first block at the settings it was given, not from its defaults.
+    RouteDSPChain chain(2, 48000);
+    chain.customEQ().setBypassed(true);
+    chain.setSafetyCeilingEnabled(false);
+    chain.setGain(-6);
+    auto x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    const float makeup = RouteDSPChain::outputMakeupLinearFloat;
+    const float quieter = float(linear(-6)) * makeup;
+    EXPECT_TRUE(allEqual(x, 0.1f * quieter, -0.2f * quieter)) << x[0];
+
+    // After a ramp the steady block carries the single-precision gain exactly: 0.1 comes out
+    // at 0.158, the make-up alone.
+    chain.setGain(0);
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_LT(x[0], 0.1f * makeup * 0.9f) << "the change ramps in";
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_TRUE(allEqual(x, 0.1f * makeup, -0.2f * makeup)) << x[0];
+
+    // Back to unity overall: the block that ramps there is processed, only the next passes through.
+    chain.setOutputTrim(-4);
+    chain.setGain(0);
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_FALSE(chain.wasPassthrough());
+    EXPECT_NEAR(x[0], 0.1 * (makeup + (1 - makeup) / block), 1e-6);
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_TRUE(chain.wasPassthrough());
+    EXPECT_TRUE(allEqual(x, 0.1f, -0.2f));
+
+    // A restart begins at the published gain.
+    chain.setGain(-6);
+    chain.resetRealtimeState();
+    x = dcBlock(block);
+    chain.processInterleaved(x.data(), block);
+    EXPECT_TRUE(allEqual(x, 0.1f * float(linear(-6)), -0.2f * float(linear(-6)))) << x[0];
 }
 
 } // namespace

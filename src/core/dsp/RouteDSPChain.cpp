@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <thread>
 
 #include "core/dsp/BlockMath.hpp"
 #include "core/dsp/CorrectionAwareQ.hpp"
@@ -14,7 +15,13 @@ namespace tarn {
 
 namespace {
 std::uint64_t bitsOf(double v) { return std::bit_cast<std::uint64_t>(v); }
-std::uint32_t bitsOf(float v) { return std::bit_cast<std::uint32_t>(v); }
+double doubleOf(std::uint64_t bits) { return std::bit_cast<double>(bits); }
+
+// The block path's overall gain: each factor narrowed, then multiplied in single precision.
+float blockScalarGain(const RouteDSPChain::ScalarGains& g) {
+    return static_cast<float>(g.routeGainLinear) * static_cast<float>(g.outputTrimLinear) *
+           static_cast<float>(g.ceilingAttenuationLinear);
+}
 
 // The larger of peak and |v|, ignoring a non-finite v.
 inline float finiteMax(float peak, float v) {
@@ -30,42 +37,62 @@ RouteDSPChain::RouteDSPChain(int channelCount, double sampleRate, UptimeClock cl
       userParametricEQ_(std::make_unique<CorrectionEQ>(channelCount_, sampleRate, clock)),
       limiter_(sampleRate), inputMeter_(meterDecayMs, sampleRate), outputMeter_(meterDecayMs, sampleRate),
       beatMeter_(sampleRate, beatMeterDecayMs),
-      gainLinearBits_(bitsOf(1.0)), outputTrimLinearBits_(bitsOf(1.0)), ceilingAttenuationLinearBits_(bitsOf(1.0)),
-      gainLinearFloatBits_(bitsOf(1.0f)), outputTrimLinearFloatBits_(bitsOf(1.0f)),
-      ceilingAttenuationLinearFloatBits_(bitsOf(1.0f)),
+      routeGainBits_(bitsOf(ScalarGains{}.routeGainLinear)), outputTrimBits_(bitsOf(ScalarGains{}.outputTrimLinear)),
+      ceilingAttenuationBits_(bitsOf(ScalarGains{}.ceilingAttenuationLinear)),
       channelActive_(channelCount_, true), channelSilentBlocks_(channelCount_, 0), channelPeaks_(channelCount_, 0.0f) {
     cascade_.reserve(maxCascadeSections);
-    // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB. The
-    // ceiling starts disengaged (attenuation 1.0) and is first computed on the first setting.
-    publishLinear(outputTrimLinearBits_, outputTrimLinearFloatBits_, outputMakeupLinear);
+    // Every route carries the fixed make-up, so a new chain's trim is 0 dB plus 4 dB (the
+    // ScalarGains defaults). The ceiling starts disengaged and is first computed on the first
+    // setting.
     estimatedPeakGainDb_.store(outputMakeupDb);
     customEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
     correctionEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
     userParametricEQ_->setOnChange([this] { recomputeSafetyCeiling(); });
 }
 
-void RouteDSPChain::publishLinear(std::atomic<std::uint64_t>& bits, std::atomic<std::uint32_t>& floatBits, double value) {
-    bits.store(bitsOf(value));
-    floatBits.store(bitsOf(static_cast<float>(value)));
+// One writer. The field stores are release stores, so a reader whose acquire load sees any of
+// them also sees the odd version stored before it, and its second version check fails.
+void RouteDSPChain::publishScalarGains(const ScalarGains& gains) {
+    constexpr auto rel = std::memory_order_release;
+    const std::uint32_t v = scalarGainsVersion_.load(std::memory_order_relaxed);
+    scalarGainsVersion_.store(v + 1, rel);
+    routeGainBits_.store(bitsOf(gains.routeGainLinear), rel);
+    outputTrimBits_.store(bitsOf(gains.outputTrimLinear), rel);
+    ceilingAttenuationBits_.store(bitsOf(gains.ceilingAttenuationLinear), rel);
+    scalarGainsVersion_.store(v + 2, rel);
 }
 
-double RouteDSPChain::loadDouble(const std::atomic<std::uint64_t>& bits) {
-    return std::bit_cast<double>(bits.load(std::memory_order_acquire));
+bool RouteDSPChain::tryReadScalarGains(ScalarGains& out) const {
+    constexpr auto acq = std::memory_order_acquire;
+    const std::uint32_t before = scalarGainsVersion_.load(acq);
+    if (before & 1u) return false;
+    const ScalarGains g{doubleOf(routeGainBits_.load(acq)), doubleOf(outputTrimBits_.load(acq)),
+                        doubleOf(ceilingAttenuationBits_.load(acq))};
+    if (scalarGainsVersion_.load(acq) != before) return false;
+    out = g;
+    return true;
 }
 
-float RouteDSPChain::loadFloat(const std::atomic<std::uint32_t>& bits) {
-    return std::bit_cast<float>(bits.load(std::memory_order_acquire));
+RouteDSPChain::ScalarGains RouteDSPChain::realtimeScalarGains() {
+    for (int attempt = 0; attempt < scalarGainsReadAttempts; ++attempt)
+        if (tryReadScalarGains(rtLastScalarGains_)) break;
+    return rtLastScalarGains_;
+}
+
+// Not real-time, so it may wait for the writer rather than fall back on an older set.
+RouteDSPChain::ScalarGains RouteDSPChain::publishedScalarGains() const {
+    ScalarGains g;
+    while (!tryReadScalarGains(g)) std::this_thread::yield();
+    return g;
 }
 
 void RouteDSPChain::setGain(double db) {
     routeGainDb_ = db;
-    publishLinear(gainLinearBits_, gainLinearFloatBits_, std::pow(10.0, db / 20.0));
     recomputeSafetyCeiling();
 }
 
 void RouteDSPChain::setOutputTrim(double db) {
     outputTrimDb_ = db;
-    publishLinear(outputTrimLinearBits_, outputTrimLinearFloatBits_, std::pow(10.0, (db + outputMakeupDb) / 20.0));
     recomputeSafetyCeiling();
 }
 
@@ -74,6 +101,7 @@ void RouteDSPChain::setSafetyCeilingEnabled(bool enabled) {
     recomputeSafetyCeiling();
 }
 
+// Gain, trim and the ceiling they imply are all worked out before any of them is published.
 void RouteDSPChain::recomputeSafetyCeiling() {
     if (!customEQ_ || !correctionEQ_ || !userParametricEQ_) return;   // still constructing
     std::vector<EQBandState> bands;
@@ -94,9 +122,8 @@ void RouteDSPChain::recomputeSafetyCeiling() {
         userParametricEQ_->sampleRate());
     estimatedPeakGainDb_.store(estimate);
     const double attenuation = safetyCeilingEnabled_ ? OutputSafetyCeiling::makeupAttenuationLinear(estimate) : 1.0;
-    ceilingAttenuationLinear_.store(attenuation);
-    publishLinear(ceilingAttenuationLinearBits_, ceilingAttenuationLinearFloatBits_, attenuation);
-    isSafetyCeilingActive_.store(attenuation < 1.0);
+    publishScalarGains({std::pow(10.0, routeGainDb_ / 20.0), std::pow(10.0, (outputTrimDb_ + outputMakeupDb) / 20.0),
+                        attenuation});
 }
 
 void RouteDSPChain::recomputeEffectiveQs(GenrePreset genre, const HeadphoneProfile* correctionProfile) {
@@ -121,6 +148,7 @@ void RouteDSPChain::resetRealtimeState() {
     headroomTarget_ = 1.0;
     preSaturationEma_ = 0.0;
     inputPeakEma_ = 0.0;
+    rtScalarGainPrimed_ = false;
     std::fill(channelActive_.begin(), channelActive_.end(), true);
     std::fill(channelSilentBlocks_.begin(), channelSilentBlocks_.end(), 0);
     wasPassthrough_ = false;
@@ -158,19 +186,24 @@ void RouteDSPChain::updateHeadroom(double preSaturationPeak, double inputPeak, i
     }
 }
 
-// Route gain × trim × ceiling, then the ramped headroom and unmute gains, then the limiter.
-// Returns (through preSaturationPeak) the block's peak after the scalar gains and before the
-// headroom gain: the level the route's own settings drive into the limiter.
-float RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak) {
+// Route gain × trim × ceiling, then the ramped headroom and unmute gains, then the limiter. A
+// changed scalar gain moves linearly from fromScalarGain to scalarGain across the block, reaching
+// it on the last frame, so a live edit never steps at a block edge. Returns (through
+// preSaturationPeak) the block's peak after the scalar gains and before the headroom gain: the
+// level the route's own settings drive into the limiter.
+float RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float fromScalarGain, float scalarGain,
+                                        float& preSaturationPeak) {
     const int c = channelCount_;
     float peak = 0.0f;
-    const bool steady = headroomGain_ == headroomTarget_ && muteGain_ == 1.0f;
+    const bool steady = fromScalarGain == scalarGain && headroomGain_ == headroomTarget_ && muteGain_ == 1.0f;
     if (steady) {
         peak = BlockMath::scaleAndPeak(samples, frameCount * c, scalarGain, static_cast<float>(headroomGain_));
     } else {
         const double rateScale = 48000.0 / sampleRate_;
         const double down = headroomDownStepAt48k * rateScale, up = headroomUpStepAt48k * rateScale;
         const float muteStep = static_cast<float>(1.0 / std::max(1.0, unmuteRampSeconds * sampleRate_));
+        const double scalarFrom = fromScalarGain;
+        const double scalarStep = (double(scalarGain) - scalarFrom) / frameCount;
         double hg = headroomGain_;
         const double target = headroomTarget_;
         float mg = muteGain_;
@@ -179,9 +212,10 @@ float RouteDSPChain::applyGainsAndLimit(float* samples, int frameCount, float sc
             else if (hg < target) hg = std::min(hg + up, target);
             mg = std::min(mg + muteStep, 1.0f);
             const float g = static_cast<float>(hg) * mg;
+            const float sg = f + 1 == frameCount ? scalarGain : static_cast<float>(scalarFrom + scalarStep * (f + 1));
             float* frame = samples + std::size_t(f) * c;
             for (int ch = 0; ch < c; ++ch) {
-                const float v = frame[ch] * scalarGain;
+                const float v = frame[ch] * sg;
                 peak = finiteMax(peak, v);
                 frame[ch] = v * g;
             }
@@ -198,9 +232,12 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     const int c = channelCount_;
     const int n = frameCount * c;
     const bool muted = mutedAtomic_.load(std::memory_order_acquire);
-    const float gain = loadFloat(gainLinearFloatBits_);
-    const float trim = loadFloat(outputTrimLinearFloatBits_);
-    const float ceiling = loadFloat(ceilingAttenuationLinearFloatBits_);
+    const float scalarGain = blockScalarGain(realtimeScalarGains());
+    // After a muted block the unmute fade starts from silence: a gain change made meanwhile has
+    // nothing to ramp from, and ramping anyway would stretch the fade.
+    const float fromScalarGain = rtScalarGainPrimed_ && muteGain_ > 0.0f ? rtPreviousScalarGain_ : scalarGain;
+    rtPreviousScalarGain_ = scalarGain;
+    rtScalarGainPrimed_ = true;
 
     BlockMath::channelPeaks(samples, frameCount, c, channelPeaks_.data());
     float inputPeak = 0.0f;
@@ -227,13 +264,12 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     const CorrectionEQ::ProcessingSnapshot parametric = userParametricEQ_->processingSnapshot();
     const bool eqActive = !eq.isBypassed, correctionActive = correction.isActive(),
                parametricActive = parametric.isActive();
-    const float scalarGain = gain * trim * ceiling;
 
     // Pass-through: nothing to filter, unity overall gain, no ramp in progress and nothing for
     // the limiter to do. The block is left exactly as it came.
     const bool passthrough = !eqActive && !correctionActive && !parametricActive && scalarGain == 1.0f &&
-                             muteGain_ == 1.0f && headroomGain_ == 1.0 && headroomTarget_ == 1.0 &&
-                             inputPeak <= static_cast<float>(Limiter::kneeStart);
+                             fromScalarGain == 1.0f && muteGain_ == 1.0f && headroomGain_ == 1.0 &&
+                             headroomTarget_ == 1.0 && inputPeak <= static_cast<float>(Limiter::kneeStart);
 
     // A stage that comes back from bypass starts from clean memory rather than a stale tail.
     if (eqActive && !customEQWasActive_) customEQ_->resetStateOnly();
@@ -252,7 +288,7 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
         if (!vectorCascadeEnabled_ || !runStagesVectorised(samples, frameCount, eq, correction, parametric))
             runStagesPerChannel(samples, frameCount, eq, correction, parametric);
         float preSaturationPeak = 0.0f;
-        outputPeak = applyGainsAndLimit(samples, frameCount, scalarGain, preSaturationPeak);
+        outputPeak = applyGainsAndLimit(samples, frameCount, fromScalarGain, scalarGain, preSaturationPeak);
         updateHeadroom(preSaturationPeak, inputPeak, frameCount);
     }
     wasPassthrough_ = passthrough;
@@ -316,12 +352,6 @@ bool RouteDSPChain::runStagesVectorised(float* samples, int frameCount, const Te
     return true;
 }
 
-double RouteDSPChain::finishSample(double x) {
-    const double scalar = loadDouble(gainLinearBits_) * loadDouble(outputTrimLinearBits_) *
-                          loadDouble(ceilingAttenuationLinearBits_);
-    return x * scalar;
-}
-
 double RouteDSPChain::process(double x) {
     if (isMuted()) {
         inputMeter_.update(0.0);
@@ -332,7 +362,8 @@ double RouteDSPChain::process(double x) {
     double y = customEQ_->process(x);
     y = correctionEQ_->process(y);
     y = userParametricEQ_->process(y);
-    y = limiter_.process(finishSample(y));
+    const ScalarGains g = realtimeScalarGains();
+    y = limiter_.process(y * (g.routeGainLinear * g.outputTrimLinear * g.ceilingAttenuationLinear));
     outputMeter_.update(y);
     return y;
 }
@@ -347,7 +378,9 @@ std::pair<double, double> RouteDSPChain::processStereo(double left, double right
     auto [l, r] = customEQ_->processStereo(left, right);
     std::tie(l, r) = correctionEQ_->processStereo(l, r);
     std::tie(l, r) = userParametricEQ_->processStereo(l, r);
-    std::tie(l, r) = limiter_.processStereo(finishSample(l), finishSample(r));
+    const ScalarGains g = realtimeScalarGains();
+    const double scalar = g.routeGainLinear * g.outputTrimLinear * g.ceilingAttenuationLinear;
+    std::tie(l, r) = limiter_.processStereo(l * scalar, r * scalar);
     outputMeter_.update(std::max(std::abs(l), std::abs(r)));
     return {l, r};
 }

@@ -19,9 +19,9 @@ namespace tarn {
 
 // The one processing object of a route: ten-band EQ → headphone correction → user parametric
 // EQ → route gain × output trim (with the fixed make-up) × safety-ceiling attenuation →
-// automatic headroom → limiter, plus meters. Setters run on the control thread and publish
-// through atomics; processInterleaved runs on the real-time thread, in place, without locks or
-// allocation.
+// automatic headroom → limiter, plus meters. Setters run on the control thread (one writer) and
+// publish through atomics; processInterleaved runs on the real-time thread, in place, without
+// locks or allocation.
 class RouteDSPChain {
 public:
     static constexpr double outputMakeupDb = 4.0;
@@ -47,6 +47,17 @@ public:
     static constexpr double headroomDownStepAt48k = 0.00025;
     static constexpr double headroomUpStepAt48k = 0.000005;
 
+    // The three scalar gains a block applies. The ceiling is derived from the other two, so they
+    // are published as one set: a block that ran a new gain against the old ceiling would put a
+    // boost out un-attenuated, above the ceiling.
+    struct ScalarGains {
+        double routeGainLinear = 1.0;
+        double outputTrimLinear = outputMakeupLinear;   // make-up included
+        double ceilingAttenuationLinear = 1.0;          // starts disengaged until the first setting
+    };
+    // A real-time read of the set that keeps losing to the writer uses the last whole set read.
+    static constexpr int scalarGainsReadAttempts = 4;
+
     // `clock` ages the equalisers' retired banks (tests inject one).
     RouteDSPChain(int channelCount, double sampleRate, UptimeClock clock = {});
     RouteDSPChain(const RouteDSPChain&) = delete;
@@ -70,8 +81,10 @@ public:
 
     double routeGainDb() const { return routeGainDb_; }
     double outputTrimDb() const { return outputTrimDb_; }
-    double ceilingAttenuationLinear() const { return ceilingAttenuationLinear_.load(std::memory_order_acquire); }
-    bool isSafetyCeilingActive() const { return isSafetyCeilingActive_.load(std::memory_order_acquire); }
+    // Any non-real-time thread.
+    ScalarGains publishedScalarGains() const;
+    double ceilingAttenuationLinear() const { return publishedScalarGains().ceilingAttenuationLinear; }
+    bool isSafetyCeilingActive() const { return ceilingAttenuationLinear() < 1.0; }
     // The last estimate of the combined peak gain (make-up included), whether or not the ceiling
     // is enabled.
     double estimatedPeakGainDb() const { return estimatedPeakGainDb_.load(std::memory_order_acquire); }
@@ -104,14 +117,15 @@ public:
     std::pair<double, double> processStereo(double left, double right);
 
 private:
-    void publishLinear(std::atomic<std::uint64_t>& bits, std::atomic<std::uint32_t>& floatBits, double value);
-    static double loadDouble(const std::atomic<std::uint64_t>& bits);
-    static float loadFloat(const std::atomic<std::uint32_t>& bits);
+    void publishScalarGains(const ScalarGains& gains);
+    // True (and `out` filled) when one attempt read a whole set.
+    bool tryReadScalarGains(ScalarGains& out) const;
+    ScalarGains realtimeScalarGains();
     void trackChannelActivity(const float* channelPeaks);
     void updateHeadroom(double preSaturationPeak, double inputPeak, int frameCount);
     // Returns the output peak.
-    float applyGainsAndLimit(float* samples, int frameCount, float scalarGain, float& preSaturationPeak);
-    double finishSample(double x);
+    float applyGainsAndLimit(float* samples, int frameCount, float fromScalarGain, float scalarGain,
+                             float& preSaturationPeak);
     void runStagesPerChannel(float* samples, int frameCount, const TenBandEQ::ProcessingSnapshot& eq,
                              const CorrectionEQ::ProcessingSnapshot& correction,
                              const CorrectionEQ::ProcessingSnapshot& parametric);
@@ -133,13 +147,18 @@ private:
     double outputTrimDb_ = 0.0;
     std::atomic<bool> mutedAtomic_{false};
     bool safetyCeilingEnabled_ = true;
-    std::atomic<bool> isSafetyCeilingActive_{false};
-    std::atomic<double> ceilingAttenuationLinear_{1.0};
     std::atomic<double> estimatedPeakGainDb_{0.0};
-    std::atomic<std::uint64_t> gainLinearBits_, outputTrimLinearBits_, ceilingAttenuationLinearBits_;
-    std::atomic<std::uint32_t> gainLinearFloatBits_, outputTrimLinearFloatBits_, ceilingAttenuationLinearFloatBits_;
+    // ScalarGains behind a sequence lock: odd while the writer is mid-set.
+    std::atomic<std::uint32_t> scalarGainsVersion_{0};
+    std::atomic<std::uint64_t> routeGainBits_, outputTrimBits_, ceilingAttenuationBits_;
 
     // Real-time state.
+    ScalarGains rtLastScalarGains_;
+    // The overall scalar gain the last block ended on; a change ramps from it across the next
+    // block. Unprimed, the next block starts at the published gain (a start has nothing to
+    // click against).
+    float rtPreviousScalarGain_ = 1.0f;
+    bool rtScalarGainPrimed_ = false;
     float muteGain_ = 1.0f;
     double headroomGain_ = 1.0;
     double headroomTarget_ = 1.0;
