@@ -18,7 +18,7 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
 } // namespace
 
 std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDiscoveryService::Entry>& entries,
-                                                     std::string_view app) {
+                                                     std::string_view app, const ProcessTree& tree) {
     std::vector<ProcessDiscoveryService::Entry> out;
     // An empty argument would otherwise name every application whose identity is unknown.
     if (app.empty()) return out;
@@ -28,6 +28,11 @@ std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDi
                            : equalIgnoringCase(entry.bundleID, app) || equalIgnoringCase(entry.displayName, app);
         if (named) out.push_back(entry);
     }
+    if (!out.empty() || !isPid || app.size() > 9) return out;
+    // The pid of a main process whose sound comes from a helper of it (browsers do that).
+    const auto pid = static_cast<std::int32_t>(std::stol(std::string(app)));
+    for (const auto& entry : entries)
+        if (tree.isWithin(entry.pid, pid)) out.push_back(entry);
     return out;
 }
 

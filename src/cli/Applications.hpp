@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/ProcessTree.hpp"
 #include "core/audio/ProcessDiscoveryService.hpp"
 
 namespace tarn::cli {
@@ -12,10 +13,12 @@ namespace tarn::cli {
 // discovery's entries, so that `tarn apps` prints exactly the names `tarn tap` accepts.
 namespace Applications {
 
-// The entries an APP argument names: all digits is a pid; anything else is an identity or a
-// display name, compared whole and without regard to case. An empty APP names nothing.
+// The entries an APP argument names: all digits is a pid (the playing process's, else that of
+// a process whose helpers play); anything else is an identity or a display name, compared whole
+// and without regard to case. An empty APP names nothing.
 std::vector<ProcessDiscoveryService::Entry> matching(const std::vector<ProcessDiscoveryService::Entry>& entries,
-                                                     std::string_view app);
+                                                     std::string_view app,
+                                                     const ProcessTree& tree = ProcessTree::system());
 
 // What kind of application this is, for people and scripts choosing what to route: "video",
 // "musicWebApp", "videoWebApp", "webApp", "browser", "entertainment" or "other". It is what

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "app/RouteChainSettings.hpp"
 #include "cli/Command.hpp"
 #include "cli/ParametricEQFile.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
@@ -203,31 +204,32 @@ void ChainOptions::checkChannelCount(int channelCount) const {
                                                       d.channel, channelCount, channelCount == 1 ? "" : "s"));
 }
 
-void ChainOptions::applyTo(RouteDSPChain& chain) const {
-    auto& eq = chain.customEQ();
-    for (const auto& b : bandGains_) eq.setGain(b.gainDb, b.band);
-    for (const auto& d : channelDeltas_) eq.setChannelDelta(d.deltaDb, d.band, d.channel);
-    eq.setBypassed(isEQBypassed_);
-
-    if (profile_) chain.correctionEQ().loadProfile(*profile_);
-    chain.correctionEQ().setBypassed(isCorrectionBypassed_);
-
-    if (parametric_) {
-        // The import runs in the second correction-shaped stage, as a profile-shaped value.
-        HeadphoneProfile imported;
-        imported.id = "import." + parametric_->modelName;
-        imported.modelName = parametric_->modelName;
-        imported.sourceProject = "import";
-        imported.preampDb = parametric_->preampDb;
-        imported.filters = parametric_->filters;
-        chain.userParametricEQ().loadProfile(imported);
+AppRoute ChainOptions::route() const {
+    AppRoute route;
+    for (const auto& b : bandGains_) route.customEQBands[std::size_t(b.band)].gainDb = b.gainDb;
+    for (const auto& d : channelDeltas_) {
+        TenBandEQ::padChannelDeltaTable(route.channelEQDeltasDb, d.channel, TenBandLayout::bandCount);
+        route.channelEQDeltasDb[std::size_t(d.channel)][std::size_t(d.band)] = d.deltaDb;
     }
+    route.customEQBypassed = isEQBypassed_;
+    // A profile file is not a catalogue entry: the route carries it as its snapshot.
+    if (profile_) route.setCorrectionProfile(*profile_);
+    route.correctionBypassed = isCorrectionBypassed_;
+    if (parametric_) {
+        route.importedProfileName = parametric_->modelName;
+        route.importedParametricPreampDb = parametric_->preampDb;
+        route.importedParametricFilters = parametric_->filters;
+    }
+    route.selectedGenre = genre_.value_or(GenrePreset::flat);
+    route.gainDb = gainDb_;
+    route.outputTrimDb = trimDb_;
+    route.isMuted = isMuted_;
+    return route;
+}
 
-    chain.recomputeEffectiveQs(genre_.value_or(GenrePreset::flat), profile_ ? &*profile_ : nullptr);
-    chain.setGain(gainDb_);
-    chain.setOutputTrim(trimDb_);
+void ChainOptions::applyTo(RouteDSPChain& chain) const {
+    RouteChainSettings::applyTo(route(), chain);
     chain.setSafetyCeilingEnabled(!isCeilingDisabled_);
-    chain.setMuted(isMuted_);
 }
 
 } // namespace tarn::cli

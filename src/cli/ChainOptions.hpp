@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "core/io/ImportedEQ.hpp"
+#include "core/models/AppRoute.hpp"
 #include "core/models/GenrePreset.hpp"
 #include "core/profiles/HeadphoneProfile.hpp"
 
@@ -52,7 +53,9 @@ public:
     // Throws CommandError(exitUsage) when a --channel-delta names a channel the audio lacks.
     void checkChannelCount(int channelCount) const;
 
-    // Configures a chain (normally a fresh one) with every setting; call loadFiles() first.
+    // The options as a route's settings; call loadFiles() first.
+    AppRoute route() const;
+    // Configures a chain (normally a fresh one) with every setting and the ceiling switch.
     void applyTo(RouteDSPChain& chain) const;
 
     const std::vector<BandGain>& bandGains() const { return bandGains_; }

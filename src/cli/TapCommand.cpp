@@ -11,16 +11,15 @@
 #include <nlohmann/json.hpp>
 #include <spdlog/spdlog.h>
 
+#include "app/LiveRoute.hpp"
+#include "app/ProcessTree.hpp"
 #include "cli/Applications.hpp"
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
 #include "cli/StopSignals.hpp"
 #include "core/audio/AudioOutputDeviceService.hpp"
 #include "core/audio/ControlLoop.hpp"
-#include "core/audio/IOBufferPolicy.hpp"
-#include "core/audio/OutputDeviceLookup.hpp"
 #include "core/audio/ProcessDiscoveryService.hpp"
-#include "core/audio/RouteAudioEngine.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "platform/pipewire/PipeWirePlatform.hpp"
 
@@ -48,21 +47,10 @@ std::string decibels(double linear) {
     return fmt::format("{:6.1f}", 20.0 * std::log10(linear));
 }
 
-struct Route {
-    Entry target;
-    std::shared_ptr<RouteDSPChain> chain;
-    std::unique_ptr<RouteAudioEngine> engine;
-    bool isRunning = false;
-};
-
-// The I/O buffer size a route asks for, by what kind of application it carries.
-uint32_t requestedFrames(const Route& route) {
-    return IOBufferPolicy::preferredFrames(route.target.bundleID, route.target.displayName);
-}
-
 // One `tarn tap` run. Everything here happens on the control loop's thread; the platform's
 // listeners and the signal watcher only post to the loop, which sleeps until there is work, a
-// meter line is due, or it is time to look at the engines.
+// meter line is due, or it is time to look at the engines. Each application gets a route of its
+// own (its own chain with the same settings) on the shared lifecycle the desk uses.
 class TapSession {
 public:
     TapSession(TapOptions& options, ControlLoop& loop) : options_(options), loop_(loop) {}
@@ -72,38 +60,31 @@ public:
 private:
     bool followsDefault() const { return options_.deviceUID.empty(); }
     void connect();
-    void resolveFormat();
     Entry resolveTarget(const std::string& app);
-    std::unique_ptr<RouteAudioEngine> makeEngine(const Route& route, const RouteAudioFormat& format,
-                                                 const std::shared_ptr<RouteDSPChain>& chain) const;
-    std::shared_ptr<RouteDSPChain> makeChain(const RouteAudioFormat& format) const;
+    std::unique_ptr<LiveRoute> makeRoute(const Entry& target, const std::string& app);
     uint32_t grantedQuantum(uint32_t deviceID);
-    void announce(const Route& route, const char* event, double rate, uint32_t quantum);
+    void announce(LiveRoute& route, const char* event, double rate);
+    std::string deviceFailure(const LiveRoute& route, bool noDefault) const;
 
     void onProcessesChanged();
     void onDevicesChanged();
-    void followDefaultTo(const OutputDeviceInfo& device);
     void checkInterruptions();
     void printMeters();
     void tick();
-    bool currentDeviceIsPresent();
     void fail(std::string message);
-    void stopAll();
 
     TapOptions& options_;
     ControlLoop& loop_;
-    // Declared in this order so that the engines go first, then the services, then the platform
+    // Declared in this order so that the routes go first, then the services, then the platform
     // they all use.
     std::unique_ptr<PipeWirePlatform> platform_;
     std::unique_ptr<ProcessDiscoveryService> discovery_;
     std::unique_ptr<AudioOutputDeviceService> devices_;
-    RouteAudioFormat format_;
-    std::string deviceName_;
-    std::vector<Route> routes_;
+    std::vector<std::unique_ptr<LiveRoute>> routes_;
     Clock::time_point started_;
     Clock::time_point nextMeter_;
-    // The default device went away: waiting (how many times so far) for the session manager to
-    // name the next one.
+    // The device went away with no default to follow: waiting (how many times so far) for the
+    // session manager to name the next one.
     bool awaitingDefault_ = false;
     uint64_t defaultWait_ = 0;
     std::string failure_;
@@ -117,21 +98,6 @@ void TapSession::connect() {
     }
     discovery_ = std::make_unique<ProcessDiscoveryService>(*platform_, loop_);
     devices_ = std::make_unique<AudioOutputDeviceService>(*platform_, loop_);
-}
-
-void TapSession::resolveFormat() {
-    OutputDeviceLookup lookup(*platform_);
-    std::optional<std::string> uid;
-    if (!followsDefault()) uid = options_.deviceUID;
-    auto format = lookup.resolveRouteFormat(uid, std::nullopt, false);
-    if (!format) {
-        throw CommandError(exitFailure, followsDefault()
-                                            ? std::string("there is no default output device (see `tarn devices`)")
-                                            : fmt::format("no output device \"{}\" (see `tarn devices`)", options_.deviceUID));
-    }
-    options_.chain.checkChannelCount(static_cast<int>(format->channelCount));
-    format_ = *format;
-    deviceName_ = lookup.name(format_.outputDeviceID).value_or(format_.outputDeviceUID);
 }
 
 // APP must name exactly one application, the way `tarn apps` lists them.
@@ -162,17 +128,22 @@ Entry TapSession::resolveTarget(const std::string& app) {
     return matches.front();
 }
 
-std::shared_ptr<RouteDSPChain> TapSession::makeChain(const RouteAudioFormat& format) const {
-    // The engine rebuilds the chain at the capture's rate when it starts.
-    auto chain = std::make_shared<RouteDSPChain>(static_cast<int>(format.channelCount), 48000.0);
-    options_.chain.applyTo(*chain);
-    return chain;
-}
-
-std::unique_ptr<RouteAudioEngine> TapSession::makeEngine(const Route& route, const RouteAudioFormat& format,
-                                                         const std::shared_ptr<RouteDSPChain>& chain) const {
-    return std::make_unique<RouteAudioEngine>(*platform_, route.target.bundleID, route.target.objectID, format, chain,
-                                              16384, requestedFrames(route));
+std::unique_ptr<LiveRoute> TapSession::makeRoute(const Entry& target, const std::string& app) {
+    LiveRoute::Application application{target.bundleID, target.displayName, target.pid, target.pid, target.objectID};
+    // Named by the pid of its main process: that process's exit ends the route, not a helper's.
+    if (ChainOptions::parseInteger(app).value_or(0) > 0) application.anchorPID = *ChainOptions::parseInteger(app);
+    else if (target.pid > 0) application.anchorPID = ProcessTree::system().applicationRoot(target.pid);
+    LiveRoute::Placement placement;
+    if (!followsDefault()) placement.deviceUID = options_.deviceUID;
+    placement.fallsBackToDefault = false;
+    auto makeChain = [this](int channelCount) {
+        options_.chain.checkChannelCount(channelCount);
+        // The engine rebuilds the chain at the capture's rate when it starts.
+        auto chain = std::make_shared<RouteDSPChain>(channelCount, 48000.0);
+        options_.chain.applyTo(*chain);
+        return chain;
+    };
+    return std::make_unique<LiveRoute>(*platform_, std::move(application), std::move(placement), makeChain);
 }
 
 uint32_t TapSession::grantedQuantum(uint32_t deviceID) {
@@ -183,30 +154,32 @@ uint32_t TapSession::grantedQuantum(uint32_t deviceID) {
     return quantum;
 }
 
-void TapSession::announce(const Route& route, const char* event, double rate, uint32_t quantum) {
-    const auto& t = route.target;
-    const auto frames = requestedFrames(route);
+void TapSession::announce(LiveRoute& route, const char* event, double rate) {
+    const auto& t = route.application();
+    const auto& format = route.format();
+    const auto frames = route.requestedFrames();
+    const auto quantum = grantedQuantum(format.outputDeviceID);
     const bool isMove = std::string_view(event) == "deviceChanged";
     if (options_.json) {
         nlohmann::json line{{"event", event},
                             {"app", t.displayName},
                             {"identity", t.bundleID},
                             {"pid", t.pid},
-                            {"device", format_.outputDeviceUID},
+                            {"device", format.outputDeviceUID},
                             {"sampleRate", rate},
-                            {"channelCount", format_.channelCount},
-                            {"layout", format_.layoutDescription},
+                            {"channelCount", format.channelCount},
+                            {"layout", format.layoutDescription},
                             {"requestedFrames", frames},
                             {"quantumFrames", quantum}};
-        if (isMove) line["deviceName"] = deviceName_;
+        if (isMove) line["deviceName"] = route.deviceName();
         fmt::print("{}\n", line.dump());
     } else if (isMove) {
         fmt::print("The default output is now {}: {} (pid {}) follows it at {} Hz, {} ({} ch); quantum {}.\n",
-                   deviceName_, t.displayName, t.pid, rate, format_.layoutDescription, format_.channelCount,
+                   route.deviceName(), t.displayName, t.pid, rate, format.layoutDescription, format.channelCount,
                    quantum ? std::to_string(quantum) : std::string("unknown"));
     } else {
         fmt::print("Routing {} ({}, pid {}) to {} at {} Hz, {} ({} ch); asked {} frames, quantum {}.\n", t.displayName,
-                   t.bundleID, t.pid, deviceName_, rate, format_.layoutDescription, format_.channelCount, frames,
+                   t.bundleID, t.pid, route.deviceName(), rate, format.layoutDescription, format.channelCount, frames,
                    quantum ? std::to_string(quantum) : std::string("unknown"));
     }
     std::fflush(stdout);
@@ -217,129 +190,76 @@ void TapSession::fail(std::string message) {
     loop_.quit();
 }
 
-void TapSession::stopAll() {
-    for (auto& r : routes_)
-        if (r.isRunning) {
-            r.engine->stop();
-            r.isRunning = false;
-        }
+std::string TapSession::deviceFailure(const LiveRoute& route, bool noDefault) const {
+    const auto& format = route.format();
+    if (noDefault)
+        return fmt::format("the output device \"{}\" ({}) went away and there is no default output device to follow; "
+                           "the route ended",
+                           route.deviceName(), format.outputDeviceUID);
+    return fmt::format("the output device \"{}\" ({}) went away; the route ended", route.deviceName(),
+                       format.outputDeviceUID);
 }
 
-bool TapSession::currentDeviceIsPresent() {
-    AudioPlatform::ObjectID id = 0;
-    return platform_->deviceForUID(format_.outputDeviceUID, id) == AudioPlatform::noError &&
-           id == format_.outputDeviceID;
-}
-
-// An application that quit ends its route; the command ends with the last one.
+// A route ends when its application quits. A stream that closes while the application goes on
+// (a browser after a pause) leaves the route waiting for the next one.
 void TapSession::onProcessesChanged() {
     const auto& present = discovery_->entries();
     for (auto& r : routes_) {
-        if (!r.isRunning) continue;
-        bool alive = std::any_of(present.begin(), present.end(), [&](const Entry& e) {
-            return r.target.pid != 0 ? e.pid == r.target.pid : e.bundleID == r.target.bundleID;
-        });
-        if (alive) continue;
-        r.engine->stop();
-        r.isRunning = false;
+        if (!r->isRunning()) continue;
+        if (r->follow(present, ProcessTree::system()) != LiveRoute::Presence::quit) continue;
+        r->stop();
+        const auto& t = r->application();
         if (options_.json)
-            fmt::print("{}\n", nlohmann::json{{"event", "appQuit"}, {"app", r.target.displayName}, {"pid", r.target.pid}}
-                                   .dump());
+            fmt::print("{}\n", nlohmann::json{{"event", "appQuit"}, {"app", t.displayName}, {"pid", t.pid}}.dump());
         else
-            fmt::print("{} (pid {}) quit; its route ended.\n", r.target.displayName, r.target.pid);
+            fmt::print("{} (pid {}) quit; its route ended.\n", t.displayName, t.pid);
         std::fflush(stdout);
     }
-    if (std::none_of(routes_.begin(), routes_.end(), [](const Route& r) { return r.isRunning; })) loop_.quit();
+    if (std::none_of(routes_.begin(), routes_.end(), [](const auto& r) { return r->isRunning(); })) loop_.quit();
 }
 
+// Each route moves with the default output when it follows it; the new engine starts before the
+// old one stops, so the application's streams go straight from one capture to the other.
 void TapSession::onDevicesChanged() {
-    if (!followsDefault()) {
-        if (!currentDeviceIsPresent())
-            fail(fmt::format("the output device \"{}\" ({}) went away; the route ended", deviceName_,
-                             format_.outputDeviceUID));
-        return;
+    bool lostDevice = false;
+    for (auto& r : routes_) {
+        if (!r->isRunning()) continue;
+        auto move = r->followDevices();
+        if (move.moved) {
+            awaitingDefault_ = false;
+            announce(*r, "deviceChanged", r->sampleRate());
+        } else if (move.failure) {
+            if (!followsDefault()) return fail(deviceFailure(*r, false));
+            lostDevice = true;
+        }
     }
-    if (const auto* device = devices_->defaultDevice()) {
-        awaitingDefault_ = false;
-        if (device->uid != format_.outputDeviceUID || device->deviceID != format_.outputDeviceID)
-            followDefaultTo(*device);
-        return;
-    }
-    // No default for now. While the device in use is still there, it simply stays in use.
-    if (currentDeviceIsPresent() || awaitingDefault_) return;
+    // No default for now. The session manager names the next one a moment later, if there is one.
+    if (!lostDevice || awaitingDefault_) return;
     awaitingDefault_ = true;
     loop_.asyncAfter(newDefaultGraceSeconds, [this, wait = ++defaultWait_] {
-        if (!awaitingDefault_ || wait != defaultWait_) return; // a default came, or a newer wait runs
+        if (!awaitingDefault_ || wait != defaultWait_) return; // moved meanwhile, or a newer wait runs
         awaitingDefault_ = false;
-        if (devices_->defaultDevice() || currentDeviceIsPresent()) return;
-        fail(fmt::format("the output device \"{}\" ({}) went away and there is no default output device to follow; "
-                         "the route ended",
-                         deviceName_, format_.outputDeviceUID));
+        for (auto& r : routes_) {
+            if (!r->isRunning() || r->isDevicePresent()) continue;
+            auto move = r->followDevices();
+            if (move.moved) announce(*r, "deviceChanged", r->sampleRate());
+            else return fail(deviceFailure(*r, true));
+        }
     });
 }
 
-// Each route gets a new engine on the new device before its old one stops: the application's
-// streams move straight from the old capture to the new one and are never heard unprocessed.
-// The new engine has a chain of its own (same settings), because both engines' capture
-// callbacks run until the old one has stopped.
-void TapSession::followDefaultTo(const OutputDeviceInfo& device) {
-    OutputDeviceLookup lookup(*platform_);
-    auto format = lookup.resolveRouteFormat(device.uid, std::nullopt, false);
-    if (!format) {
-        fail(fmt::format("the default output device \"{}\" ({}) cannot be used; the route ended", device.name,
-                         device.uid));
-        return;
-    }
-    try {
-        options_.chain.checkChannelCount(static_cast<int>(format->channelCount));
-    } catch (const CommandError& e) {
-        fail(fmt::format("cannot follow the default output to \"{}\": {}", device.name, e.what()));
-        return;
-    }
-    format_ = *format;
-    deviceName_ = device.name;
-    for (auto& r : routes_) {
-        if (!r.isRunning) continue;
-        auto chain = makeChain(format_);
-        auto engine = makeEngine(r, format_, chain);
-        double rate = 0;
-        try {
-            rate = engine->start();
-        } catch (const RouteAudioEngine::StartError& e) {
-            fail(fmt::format("cannot move {} (pid {}) to \"{}\": {}", r.target.displayName, r.target.pid, device.name,
-                             e.description()));
-            return;
-        }
-        r.engine->stop();
-        r.engine = std::move(engine);
-        r.chain = std::move(chain);
-        announce(r, "deviceChanged", rate, grantedQuantum(format_.outputDeviceID));
-    }
-}
-
-// A stream the sound server stopped ends the route, unless it stopped because its device went
-// away while the route follows the default: then the device change moves the route.
+// A route the sound server stopped while its device is still there ends the command; a device
+// that went away is the device handling's business.
 void TapSession::checkInterruptions() {
     for (auto& r : routes_) {
-        if (!r.isRunning || !r.engine->interruption()) continue;
+        if (!r->isRunning()) continue;
         try {
             platform_->connection().sync(); // a device removal that caused it is known after this
         } catch (const PipeWireError&) {
         }
         devices_->refresh(); // may move the route to a new default
         if (loop_.isQuitting()) return;
-        auto interruption = r.engine->interruption();
-        if (!interruption) continue;
-        if (currentDeviceIsPresent()) {
-            fail(fmt::format("the route stopped: {}", *interruption));
-            return;
-        }
-        if (!followsDefault()) {
-            fail(fmt::format("the output device \"{}\" ({}) went away; the route ended", deviceName_,
-                             format_.outputDeviceUID));
-            return;
-        }
-        // Following the default: the wait for the next default decides.
+        if (auto interruption = r->interruption()) return fail(fmt::format("the route stopped: {}", *interruption));
     }
 }
 
@@ -360,46 +280,52 @@ void TapSession::printMeters() {
     if (options_.json) {
         auto list = nlohmann::json::array();
         for (auto& r : routes_)
-            if (r.isRunning)
-                list.push_back({{"app", r.target.displayName},
-                                {"pid", r.target.pid},
-                                {"inputPeak", r.chain->inputMeter().currentPeak()},
-                                {"outputPeak", r.chain->outputMeter().currentPeak()}});
+            if (r->isRunning())
+                list.push_back({{"app", r->application().displayName},
+                                {"pid", r->application().pid},
+                                {"inputPeak", r->chain()->inputMeter().currentPeak()},
+                                {"outputPeak", r->chain()->outputMeter().currentPeak()}});
         fmt::print("{}\n", nlohmann::json{{"event", "meters"}, {"seconds", std::round(elapsed)}, {"routes", list}}.dump());
     } else {
         for (auto& r : routes_)
-            if (r.isRunning)
-                fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS\n", elapsed, r.target.displayName,
-                           decibels(r.chain->inputMeter().currentPeak()), decibels(r.chain->outputMeter().currentPeak()));
+            if (r->isRunning())
+                fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS\n", elapsed, r->application().displayName,
+                           decibels(r->chain()->inputMeter().currentPeak()),
+                           decibels(r->chain()->outputMeter().currentPeak()));
     }
     std::fflush(stdout);
 }
 
 int TapSession::run() {
     connect();
-    resolveFormat();
+    std::vector<Entry> targets;
     for (const auto& app : options_.apps) {
-        Route route;
-        route.target = resolveTarget(app);
-        for (const auto& r : routes_)
-            if (r.target.objectID == route.target.objectID)
-                throw CommandError(exitUsage, fmt::format("\"{}\" is named twice", app));
-        routes_.push_back(std::move(route));
+        auto target = resolveTarget(app);
+        for (const auto& t : targets)
+            if (t.objectID == target.objectID) throw CommandError(exitUsage, fmt::format("\"{}\" is named twice", app));
+        targets.push_back(target);
+        routes_.push_back(makeRoute(target, app));
     }
 
     for (auto& route : routes_) {
-        route.chain = makeChain(format_);
-        route.engine = makeEngine(route, format_, route.chain);
         double rate = 0;
         try {
-            rate = route.engine->start();
-        } catch (const RouteAudioEngine::StartError& e) {
-            stopAll();
-            throw CommandError(exitFailure, fmt::format("cannot route {} (pid {}): {}", route.target.displayName,
-                                                        route.target.pid, e.description()));
+            rate = route->start();
+        } catch (const LiveRoute::Error& e) {
+            const auto& t = route->application();
+            routes_.clear(); // stops what started
+            switch (e.kind()) {
+            case LiveRoute::Error::Kind::noOutputDevice:
+                throw CommandError(exitFailure, "there is no default output device (see `tarn devices`)");
+            case LiveRoute::Error::Kind::outputDeviceUnavailable:
+                throw CommandError(exitFailure,
+                                   fmt::format("no output device \"{}\" (see `tarn devices`)", options_.deviceUID));
+            case LiveRoute::Error::Kind::chain: throw CommandError(exitUsage, e.what());
+            case LiveRoute::Error::Kind::engine:
+                throw CommandError(exitFailure, fmt::format("cannot route {} (pid {}): {}", t.displayName, t.pid, e.what()));
+            }
         }
-        route.isRunning = true;
-        announce(route, "started", rate, grantedQuantum(format_.outputDeviceID));
+        announce(*route, "started", rate);
     }
     if (!options_.json) fmt::print("Ctrl-C stops and returns the application to its normal output.\n");
     std::fflush(stdout);
@@ -415,7 +341,7 @@ int TapSession::run() {
     if (options_.seconds > 0) loop_.asyncAfter(options_.seconds, [this] { loop_.quit(); });
     loop_.run();
 
-    stopAll();
+    for (auto& r : routes_) r->stop();
     auto xruns = platform_->xrunCount();
     routes_.clear();
     discovery_.reset();

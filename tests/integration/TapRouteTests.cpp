@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <complex>
 #include <map>
 #include <csignal>
-#include <numbers>
 #include <sstream>
 #include <thread>
 
@@ -27,18 +25,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr double toneAmplitudeIn = 0.25;
-
-// |H(f)| in dB of an RBJ peaking filter, from its textbook formula.
-double peakingResponseDb(double f0, double gainDb, double q, double f, double rate) {
-    const double a = std::pow(10.0, gainDb / 40.0);
-    const double w0 = 2 * std::numbers::pi * f0 / rate;
-    const double alpha = std::sin(w0) / (2 * q);
-    const double b0 = 1 + alpha * a, b1 = -2 * std::cos(w0), b2 = 1 - alpha * a;
-    const double a0 = 1 + alpha / a, a1 = -2 * std::cos(w0), a2 = 1 - alpha / a;
-    const std::complex<double> z = std::polar(1.0, -2 * std::numbers::pi * f / rate);
-    auto h = (b0 + b1 * z + b2 * z * z) / (a0 + a1 * z + a2 * z * z);
-    return 20 * std::log10(std::abs(h));
-}
 
 double level(const SoundData& data, int channel, double frequencyHz = 1000.0) {
     size_t first = std::min<size_t>(data.frameCount(), 9600); // the recorder's own start

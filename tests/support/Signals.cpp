@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
+#include <numbers>
 
 namespace tarn::test {
 
@@ -51,5 +53,16 @@ double fittedAmplitude(const std::vector<float>& x, int channelCount, int channe
 
 double toDb(double linear) { return 20.0 * std::log10(linear); }
 double fromDb(double db) { return std::pow(10.0, db / 20.0); }
+
+double peakingResponseDb(double f0, double gainDb, double q, double f, double rate) {
+    const double a = std::pow(10.0, gainDb / 40.0);
+    const double w0 = 2 * std::numbers::pi * f0 / rate;
+    const double alpha = std::sin(w0) / (2 * q);
+    const double b0 = 1 + alpha * a, b1 = -2 * std::cos(w0), b2 = 1 - alpha * a;
+    const double a0 = 1 + alpha / a, a1 = -2 * std::cos(w0), a2 = 1 - alpha / a;
+    const std::complex<double> z = std::polar(1.0, -2 * std::numbers::pi * f / rate);
+    const auto h = (b0 + b1 * z + b2 * z * z) / (a0 + a1 * z + a2 * z * z);
+    return 20 * std::log10(std::abs(h));
+}
 
 } // namespace tarn::test

@@ -14,6 +14,10 @@ std::vector<float> interleavedSine(double freqHz, double sampleRate, double ampl
 double fittedAmplitude(const std::vector<float>& interleaved, int channelCount, int channel, double freqHz,
                        double sampleRate, long first, long count, long startFrame = 0);
 
+// |H(f)| in dB of an RBJ cookbook peaking filter, from its textbook formula: the independent
+// reference that band levels are checked against.
+double peakingResponseDb(double f0, double gainDb, double q, double f, double rate);
+
 double toDb(double linear);
 double fromDb(double db);
 

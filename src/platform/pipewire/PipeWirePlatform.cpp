@@ -166,6 +166,10 @@ struct PipeWirePlatform::Impl {
     };
     std::map<ListenerToken, Listener> listeners;
     std::vector<PipeWireApplication> lastApps;
+    // Every application seen on this connection, by each of its stream nodes: one whose streams
+    // have all closed (a browser after a pause) can still be held for the streams it opens next.
+    std::map<ObjectID, PipeWireApplication> seenApps;
+    static constexpr std::size_t maxSeenStreams = 4096;
     std::vector<PipeWireDevice> lastDevices;
     std::string lastDefault;
 
@@ -189,6 +193,13 @@ struct PipeWirePlatform::Impl {
             if (std::find(app.streamNodeIDs.begin(), app.streamNodeIDs.end(), object) != app.streamNodeIDs.end())
                 return &app;
         return nullptr;
+    }
+
+    void remember(const std::vector<PipeWireApplication>& apps) {
+        for (const auto& app : apps)
+            for (ObjectID node : app.streamNodeIDs) seenApps[node] = app;
+        // A desk runs for days: forget the oldest streams (node ids only grow) past a bound.
+        while (seenApps.size() > maxSeenStreams) seenApps.erase(seenApps.begin());
     }
 
     // Moves every stream of each capture sink's application onto it, once per stream.
@@ -237,6 +248,7 @@ struct PipeWirePlatform::Impl {
             if (!before || before->isRunningOutput != app.isRunningOutput) runningChanged.insert(app.objectID);
         }
         bool devicesChanged = devices != lastDevices || g.defaultSinkName != lastDefault;
+        remember(apps);
         lastApps = std::move(apps);
         lastDevices = std::move(devices);
         lastDefault = g.defaultSinkName;
@@ -646,6 +658,7 @@ PipeWirePlatform::PipeWirePlatform(std::shared_ptr<PipeWireConnection> connectio
     PipeWireConnection::Lock lock(*connection_);
     auto g = connection_->graph();
     impl_->lastApps = PipeWireApplication::list(g);
+    impl_->remember(impl_->lastApps);
     impl_->lastDevices = PipeWireDevice::list(g);
     impl_->lastDefault = g.defaultSinkName;
     impl_->connectionListener = connection_->addListener([impl = impl_.get()] { impl->onGraphChanged(); });
@@ -714,7 +727,11 @@ AudioPlatform::Status PipeWirePlatform::createProcessTap(const TapDescription& d
     } else {
         auto apps = PipeWireApplication::list(g);
         const auto* app = Impl::appFor(apps, description.processes.front());
-        if (!app) return -ESRCH;
+        if (!app) {
+            auto seen = impl_->seenApps.find(description.processes.front());
+            if (seen == impl_->seenApps.end()) return -ESRCH;
+            app = &seen->second;
+        }
         tap.pid = app->pid;
         tap.identity = app->identity;
     }
