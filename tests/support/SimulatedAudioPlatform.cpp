@@ -69,6 +69,8 @@ void SimulatedAudioPlatform::addProcess(Process process) {
 
 void SimulatedAudioPlatform::removeProcess(ObjectID id) {
     std::lock_guard lock(mutex_);
+    for (const auto& p : processes_)
+        if (p.id == id) removedProcesses_.push_back(p);
     std::erase_if(processes_, [&](const Process& p) { return p.id == id; });
 }
 
@@ -194,6 +196,30 @@ std::vector<float> SimulatedAudioPlatform::renderedSamples() const {
     return rendered_;
 }
 
+std::vector<float> SimulatedAudioPlatform::renderedSamples(ObjectID device) const {
+    std::lock_guard lock(renderedMutex_);
+    auto it = renderedByDevice_.find(device);
+    return it == renderedByDevice_.end() ? std::vector<float>{} : it->second;
+}
+
+void SimulatedAudioPlatform::clearRenderedSamples() {
+    std::lock_guard lock(renderedMutex_);
+    rendered_.clear();
+    renderedByDevice_.clear();
+}
+
+bool SimulatedAudioPlatform::isHeardUnprocessed(std::int32_t pid) const {
+    std::lock_guard lock(mutex_);
+    const bool plays = std::any_of(processes_.begin(), processes_.end(),
+                                   [&](const Process& p) { return p.pid == pid && p.isRunningOutput; });
+    if (!plays) return false;
+    for (const auto& [id, aggregate] : aggregates_)
+        for (const auto& member : aggregate.taps)
+            for (const auto& [tapID, tap] : taps_)
+                if (tap.uid == member.uid && tap.pid == pid) return false;
+    return true;
+}
+
 AudioPlatform::Status SimulatedAudioPlatform::enter(Step step, const char* call) {
     calls_.emplace_back(call);
     auto it = failures_.find(step);
@@ -206,8 +232,13 @@ AudioPlatform::Status SimulatedAudioPlatform::createProcessTap(const TapDescript
     std::lock_guard lock(mutex_);
     lastTap_ = description;
     if (auto s = enter(Step::createProcessTap, "createProcessTap")) return s;
-    for (auto process : description.processes)
-        if (!withID(processes_, process)) return notFound;
+    std::int32_t pid = 0;
+    for (auto process : description.processes) {
+        const Process* p = withID(processes_, process);
+        if (!p) p = withID(removedProcesses_, process);
+        if (!p) return notFound;
+        pid = p->pid;
+    }
     std::uint32_t channels = 2;
     if (!description.isStereoMixdown) {
         auto device = std::find_if(devices_.begin(), devices_.end(),
@@ -216,7 +247,7 @@ AudioPlatform::Status SimulatedAudioPlatform::createProcessTap(const TapDescript
         channels = device->streamChannelCounts[description.streamIndex];
     }
     tapID = nextObjectID_++;
-    taps_[tapID] = Tap{description, "tap-" + std::to_string(tapID), {captureSource_.sampleRate, channels}};
+    taps_[tapID] = Tap{description, pid, "tap-" + std::to_string(tapID), {captureSource_.sampleRate, channels}};
     return noError;
 }
 
@@ -415,7 +446,7 @@ void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
     const std::uint32_t channels = unit.format->channelCount;
     runningThreads_.fetch_add(1);
     unit.runner->thread = std::thread([this, sink, channels, proc = unit.proc, context = unit.context,
-                                       stop = &unit.runner->stop] {
+                                       device = unit.device, stop = &unit.runner->stop] {
         std::vector<float> block(std::size_t(sink.framesPerCycle) * channels);
         AudioBufferList::Buffer buffer{channels, std::uint32_t(block.size() * sizeof(float)), block.data()};
         std::uint64_t cycles = 0;
@@ -433,6 +464,8 @@ void SimulatedAudioPlatform::startRenderRunner(OutputUnit& unit) {
             {
                 std::lock_guard lock(renderedMutex_);
                 rendered_.insert(rendered_.end(), block.begin(), block.end());
+                auto& own = renderedByDevice_[device];
+                own.insert(own.end(), block.begin(), block.end());
             }
             ++cycles;
             renderCycles_.fetch_add(1);

@@ -84,6 +84,8 @@ public:
     void fail(Step step, Status status);
     void clearFailures();
     void addProcess(Process process);
+    // The process object goes (its streams closed); a tap can still be made on it, as a sound
+    // server that remembers the application would allow.
     void removeProcess(ObjectID id);
     void setRunningOutput(ObjectID id, bool running);
     void addDevice(Device device);
@@ -124,6 +126,12 @@ public:
     bool waitForRenderCycles(std::uint64_t cycles) const;
     // Everything the render callbacks produced, interleaved, in order.
     std::vector<float> renderedSamples() const;
+    // What the render callbacks played on one device, interleaved, in order.
+    std::vector<float> renderedSamples(ObjectID device) const;
+    void clearRenderedSamples();
+    // A process of this pid plays (its output flag is set) while no capture device of a tap on
+    // that pid exists: its sound reaches its normal output unprocessed.
+    bool isHeardUnprocessed(std::int32_t pid) const;
 
     // True on a callback thread while the engine's callback runs (for allocation counting).
     static bool isInsideCallback();
@@ -187,6 +195,7 @@ private:
     struct Runner;
     struct Tap {
         TapDescription description;
+        std::int32_t pid = 0;
         std::string uid;
         AudioStreamFormat format;
     };
@@ -228,6 +237,7 @@ private:
     std::map<Step, Status> failures_;
     std::vector<std::string> calls_;
     std::vector<Process> processes_;
+    std::vector<Process> removedProcesses_;
     std::vector<Device> devices_;
     ObjectID defaultDevice_ = 0;
     std::optional<std::uint32_t> forcedGrant_;
@@ -251,6 +261,7 @@ private:
     std::atomic<int> runningThreads_{0};
     mutable std::mutex renderedMutex_;
     std::vector<float> rendered_;
+    std::map<ObjectID, std::vector<float>> renderedByDevice_;
 };
 
 } // namespace tarn::test
