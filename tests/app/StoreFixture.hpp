@@ -29,13 +29,15 @@ public:
 // A route store on the simulated platform: two output devices (the default speakers and
 // headphones) and two applications that play a 1 kHz sine of amplitude 0.1; time is the test's.
 class StoreTest : public ::testing::Test {
+public:
+    static constexpr double toneHz = 1000.0, toneAmplitude = 0.1, rate = 48000.0;
+
 protected:
     static constexpr AudioPlatform::ObjectID speakers = 10, headphones = 11;
     static constexpr AudioPlatform::ObjectID musicObject = 100, videoObject = 101;
     static constexpr std::int32_t musicPID = 501, videoPID = 502;
     static constexpr const char* music = "org.example.Music";
     static constexpr const char* video = "org.example.Video";
-    static constexpr double toneHz = 1000.0, toneAmplitude = 0.1, rate = 48000.0;
 
     void SetUp() override {
         platform.addDevice({speakers, "speakers", "Speakers", {2}, 512});

@@ -94,6 +94,11 @@ void BandProminenceAnalyzer::scheduleTimer() {
 }
 
 void BandProminenceAnalyzer::clearState() {
+    // Audio the tap collected before the reset belongs to what was analysed before (the last
+    // song, the last engine): left in the ring it would become the new song's first windows.
+    auto& ring = tap_.ring();
+    while (ring.availableFramesToRead() > 0 && ring.read(readBuffer_.data(), windowSize) > 0) {
+    }
     smoothedBandPower_.reset();
     analyzedSeconds_ = 0.0;
     mode_ = Mode::settle;
