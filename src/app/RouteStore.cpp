@@ -16,7 +16,7 @@ RouteStore::RouteStore(AudioPlatform& platform, MainQueue& mainQueue, Preference
     : platform_(platform), mainQueue_(mainQueue), options_(std::move(options)), preferences_(std::move(preferences)),
       presets_(preferences_), discovery_(platform, mainQueue, options_.clock), devices_(platform, mainQueue),
       glides_(mainQueue, [this](const UUID& id) { return dspChain(id); }),
-      aiTune_(preferences_, options_.songMemory), aiTimer_(mainQueue), autoPollTimer_(mainQueue),
+      aiTune_(preferences_, options_.songMemory), layouts_(preferences_), aiTimer_(mainQueue), autoPollTimer_(mainQueue),
       healthTimer_(mainQueue), saveTimer_(mainQueue) {
     // The end of a glide lets the save it held back go ahead.
     glides_.onSettled = [this] { scheduleStatePersist(); };
@@ -91,6 +91,7 @@ void RouteStore::start() {
 
 void RouteStore::activateRestoredRoutes() {
     isActivated_ = true;
+    followLayoutDevices();
     for (const auto& r : std::vector<AppRoute>(routes_))
         if (r.kind == RouteKind::appTap && r.activationMode == RouteActivationMode::on) startAudio(r.id, false);
     updateAutoPolling();
@@ -490,6 +491,7 @@ void RouteStore::handleDiscoveryChange() {
 
 void RouteStore::handleDeviceChange() {
     changed(Change::devices);
+    if (isActivated_) followLayoutDevices();
     for (auto& [id, live] : liveRoutes_) {
         AppRoute* r = mutableRoute(id);
         if (!r || !live->isRunning()) continue;

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/DeskLayouts.hpp"
 #include "app/LiveRoute.hpp"
 #include "app/ProcessTree.hpp"
 #include "app/QueueTimer.hpp"
@@ -90,7 +91,7 @@ public:
     const std::set<UUID>& liveEngines() const { return liveEngines_; }
     const std::map<UUID, std::string>& lastStartError() const { return lastStartError_; }
     const std::set<std::string>& broadcastPausedBundles() const { return broadcastPausedBundles_; }
-    const std::optional<UUID>& activeLayoutID() const { return activeLayoutID_; }
+    const std::optional<UUID>& activeLayoutID() const { return layouts_.activeLayoutID(); }
     const std::vector<OutputDeviceInfo>& outputDevices() const;
     std::function<void(Change)> onChange;
 
@@ -167,6 +168,17 @@ public:
     // An application's player reports paused (true) or playing (false).
     void setBroadcastPaused(const std::string& bundleID, bool paused);
 
+    // ---- desk layouts ----
+    const std::vector<DeskLayout>& layouts() const { return layouts_.layouts(); }
+    // The desk as it is now, as a layout; bound to a device, it comes back whenever that
+    // device appears.
+    UUID saveLayout(const std::string& name, std::optional<std::string> boundDeviceUID = std::nullopt);
+    // The layout's routes, each where the layout has it play; routes it does not hold go (the
+    // desk as it was comes back when a bound layout's device goes away).
+    bool applyLayout(const UUID& layoutID);
+    bool deleteLayout(const UUID& layoutID);
+    bool bindLayout(const UUID& layoutID, std::optional<std::string> deviceUID);
+
     // ---- persistence ----
     void scheduleStatePersist();
     void persistStateNow();
@@ -201,6 +213,8 @@ private:
     // `engineIsNew`: the route got a new engine (a start, a restart, a move).
     void afterStart(AppRoute& route, LiveRoute& live, bool engineIsNew);
     void updateAITicks();
+    void replaceRoutes(const std::vector<AppRoute>& wanted);
+    void followLayoutDevices();
     void pauseRoute(AppRoute& route);
     void updateAutoPolling();
     void updateHealthChecks();
@@ -221,7 +235,6 @@ private:
     std::set<UUID> liveEngines_;
     std::map<UUID, std::string> lastStartError_;
     std::set<std::string> broadcastPausedBundles_;
-    std::optional<UUID> activeLayoutID_;
 
     std::map<UUID, std::unique_ptr<LiveRoute>> liveRoutes_;
     // Routes lost because their application quit or was not running: they start again when it
@@ -234,6 +247,7 @@ private:
     std::optional<bool> captureGranted_;
     RouteGlides glides_;
     RouteAITune aiTune_;
+    DeskLayouts layouts_;
     QueueTimer aiTimer_;
     QueueTimer autoPollTimer_;
     QueueTimer healthTimer_;

@@ -84,6 +84,12 @@ void SimulatedAudioPlatform::addDevice(Device device) {
     devices_.push_back(std::move(device));
 }
 
+void SimulatedAudioPlatform::removeDevice(ObjectID id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(devices_, [&](const Device& d) { return d.id == id; });
+    if (defaultDevice_ == id) defaultDevice_ = 0;
+}
+
 void SimulatedAudioPlatform::setDefaultOutputDevice(ObjectID id) {
     std::lock_guard lock(mutex_);
     defaultDevice_ = id;

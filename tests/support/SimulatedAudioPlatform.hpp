@@ -89,6 +89,7 @@ public:
     void removeProcess(ObjectID id);
     void setRunningOutput(ObjectID id, bool running);
     void addDevice(Device device);
+    void removeDevice(ObjectID id);
     void setDefaultOutputDevice(ObjectID id);
     // The buffer size granted from now on, whatever is asked (none: grant what is asked).
     void forceGrantedBufferFrames(std::optional<std::uint32_t> frames);
