@@ -432,7 +432,7 @@ void RouteStore::updateAutoPolling() {
 }
 
 void RouteStore::updateHealthChecks() {
-    if (liveEngines_.empty()) healthTimer_.cancel();
+    if (liveRoutes_.empty()) healthTimer_.cancel();
     else if (!healthTimer_.isActive()) healthTimer_.startRepeating(healthCheckSeconds, [this] { checkLiveRoutes(); });
 }
 
@@ -453,21 +453,7 @@ void RouteStore::handleDiscoveryChange() {
     changed(Change::processes);
     if (!isActivated_) return;
 
-    // Only the application's exit ends a route; a stream that closed leaves it waiting.
-    for (auto it = liveRoutes_.begin(); it != liveRoutes_.end();) {
-        const UUID id = it->first;
-        if (it->second->follow(availableProcesses_, *options_.processTree) != LiveRoute::Presence::quit) {
-            ++it;
-            continue;
-        }
-        it = liveRoutes_.erase(it);
-        markStopped(id);
-        if (AppRoute* r = mutableRoute(id)) {
-            awaitingApplication_.insert(id);
-            setHealth(*r, RouteHealth::lost);
-            setError(id, std::string(sourceAppStoppedText));
-        }
-    }
+    dropQuitApplications();
 
     for (const auto& snapshot : std::vector<AppRoute>(routes_)) {
         if (snapshot.kind != RouteKind::appTap || snapshot.activationMode == RouteActivationMode::automatic) continue;
@@ -487,6 +473,24 @@ void RouteStore::handleDiscoveryChange() {
         }
     }
     reconcileAutoRoutes();
+}
+
+// Only the application's exit ends a route; a stream that closed leaves it waiting.
+void RouteStore::dropQuitApplications() {
+    for (auto it = liveRoutes_.begin(); it != liveRoutes_.end();) {
+        const UUID id = it->first;
+        if (it->second->follow(availableProcesses_, *options_.processTree) != LiveRoute::Presence::quit) {
+            ++it;
+            continue;
+        }
+        it = liveRoutes_.erase(it);
+        markStopped(id);
+        if (AppRoute* r = mutableRoute(id)) {
+            awaitingApplication_.insert(id);
+            setHealth(*r, RouteHealth::lost);
+            setError(id, std::string(sourceAppStoppedText));
+        }
+    }
 }
 
 void RouteStore::handleDeviceChange() {
@@ -512,6 +516,9 @@ void RouteStore::handleDeviceChange() {
 }
 
 void RouteStore::checkLiveRoutes() {
+    // An application that quits after its last stream closed changes nothing the sound server
+    // reports: its paused route learns of it here.
+    dropQuitApplications();
     for (auto& [id, live] : liveRoutes_) {
         AppRoute* r = mutableRoute(id);
         if (!r || !live->isRunning()) continue;

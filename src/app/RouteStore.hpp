@@ -213,6 +213,7 @@ private:
     // `engineIsNew`: the route got a new engine (a start, a restart, a move).
     void afterStart(AppRoute& route, LiveRoute& live, bool engineIsNew);
     void updateAITicks();
+    void dropQuitApplications();
     void replaceRoutes(const std::vector<AppRoute>& wanted);
     void followLayoutDevices();
     void pauseRoute(AppRoute& route);

@@ -269,6 +269,8 @@ void TapSession::checkInterruptions() {
 // routes a wake-up of their own several times a second.
 void TapSession::tick() {
     checkInterruptions();
+    // An application that quits after its last stream closed changes nothing the server reports.
+    if (!loop_.isQuitting()) onProcessesChanged();
     if (loop_.isQuitting()) return;
     printMeters();
     nextMeter_ += std::chrono::seconds(1);

@@ -204,7 +204,13 @@ struct PipeWirePlatform::Impl {
 
     // Moves every stream of each capture sink's application onto it, once per stream.
     void followStreams(const PipeWireGraph& g) {
-        for (auto& [id, sink] : sinks) {
+        // Oldest first, so that where two sinks take the same new stream (a route resuming while
+        // its hold still stands) the newest one's entry is set last and wins. Node ids are reused;
+        // serials only grow.
+        std::vector<CaptureSink*> bySerial;
+        for (auto& [id, sink] : sinks) bySerial.push_back(sink.get());
+        std::sort(bySerial.begin(), bySerial.end(), [](auto* a, auto* b) { return a->serial < b->serial; });
+        for (CaptureSink* sink : bySerial) {
             if (sink->serial == 0 || sink->removed) continue;
             for (const auto& node : g.nodes) {
                 if (sink->moved.count(node.id)) continue;
@@ -222,9 +228,19 @@ struct PipeWirePlatform::Impl {
         }
     }
 
+    // Another of this program's capture sinks has moved the stream since: its entry stands, even
+    // before the server has echoed it back to the metadata this client sees.
+    bool isTakenOver(const CaptureSink& from, uint32_t node) const {
+        for (const auto& [id, other] : sinks)
+            if (other.get() != &from && !other->removed && other->moved.count(node) && other->serial > from.serial)
+                return true;
+        return false;
+    }
+
     void releaseStreams(CaptureSink& sink) {
         auto value = std::to_string(sink.serial);
         for (uint32_t node : sink.moved) {
+            if (isTakenOver(sink, node)) continue;
             // Leave an entry someone else has changed since (the user moved the stream elsewhere).
             if (connection->defaultMetadataValueLocked(node, "target.object") == value)
                 connection->setDefaultMetadataLocked(node, "target.object", std::nullopt);
@@ -833,7 +849,13 @@ AudioPlatform::Status PipeWirePlatform::createAggregateDevice(const AggregateDev
             auto g = connection_->graph();
             auto* node = g.node(raw->nodeID);
             if (node && node->serial) raw->serial = node->serial;
-            return raw->serial != 0;
+            if (raw->serial == 0) return false;
+            // Streams are moved onto the sink only once it can take them: a session manager told
+            // to move a stream onto a sink without input ports yet plays it on the default output
+            // meanwhile, unprocessed.
+            std::size_t inputs = 0;
+            for (const auto& port : connection_->portsLocked(raw->nodeID)) inputs += port.isOutput ? 0 : 1;
+            return inputs >= raw->format.channelCount;
         },
         startTimeout);
     if (raw->error || raw->removed || !ready) {
