@@ -367,6 +367,7 @@ void RouteStore::markStopped(const UUID& id) {
     aiTune_.routeStopped(id);
     if (liveEngines_.erase(id)) changed(Change::liveEngines);
     updateHealthChecks();
+    updateAITicks();
 }
 
 bool RouteStore::stopAudio(const UUID& id) {
