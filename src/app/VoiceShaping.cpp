@@ -32,12 +32,6 @@ double stepFor(double requestDb) {
     return std::copysign(std::clamp(std::abs(requestDb), minStepDb, maxStepDb), requestDb);
 }
 
-double aiTuneCeilingDb(int band) {
-    if (band == mudBand) return mudCapDb;
-    if (std::find(trebleBands.begin(), trebleBands.end(), band) != trebleBands.end()) return trebleCapDb;
-    return aiTuneCapDb;
-}
-
 bool usable(int band, double changeDb) {
     return band >= 0 && band < TenBandLayout::bandCount && std::isfinite(changeDb) && changeDb != 0.0;
 }
@@ -77,7 +71,8 @@ VoiceShapingResult shapeBands(const std::map<int, double>& requestedChangesDb, c
 
         if (state.isAITuneEngaged) {
             const double heard = user + state.aiTweaksDb[band];
-            const double target = std::clamp(wholeDb(heard + stepFor(changeDb)), aiTuneFloorDb, aiTuneCeilingDb(band));
+            const double target = std::clamp(wholeDb(heard + stepFor(changeDb)), TenBandLayout::minGainDb,
+                                             RecommendationRuleEngine::productCapDb(band));
             r.aiTweaksDb[band] = target - user;
             bandNotes.push_back(fmt::format("{} {}", RecommendationRuleEngine::bandName(band), signedDb(target)));
             continue;

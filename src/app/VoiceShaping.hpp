@@ -32,14 +32,6 @@ inline constexpr double loudnessCeilingPeak = 0.98;
 inline constexpr int counterweightBand = 4;
 inline constexpr double counterweightFromDb = 2.0;
 inline constexpr double counterweightShare = 0.5;
-
-// AI Tune's own product limits on the heard gain (user gain + AI tweak).
-inline constexpr int mudBand = 3;
-inline constexpr double mudCapDb = 4.0;
-inline constexpr std::array<int, 2> trebleBands = {8, 9};
-inline constexpr double trebleCapDb = 6.0;
-inline constexpr double aiTuneCapDb = 10.0;
-inline constexpr double aiTuneFloorDb = -12.0;
 } // namespace VoiceShaping
 
 // What a command sees of one route.

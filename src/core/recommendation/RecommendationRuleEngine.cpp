@@ -351,11 +351,17 @@ std::vector<BandRecommendation> RecommendationRuleEngine::recommend(const Recomm
     return out;
 }
 
+double RecommendationRuleEngine::productCapDb(int band) {
+    constexpr double maxBoostDb = 10.0;
+    if (band == kMudBand) return kMudCapDb;
+    if (band == kTrebleBands[0] || band == kTrebleBands[1]) return kTrebleCapDb;
+    return maxBoostDb;
+}
+
 std::vector<double> RecommendationRuleEngine::sanitizeRefinement(const std::vector<double>& deltas,
                                                                  const std::vector<BandRecommendation>& baseline) {
     constexpr double maxStepDb = 1.5;
     constexpr double stepDb = 0.5;
-    constexpr double maxBoostDb = 10.0;
 
     std::vector<double> out(kBands, 0.0);
     for (int i = 0; i < kBands; ++i) {
@@ -367,9 +373,7 @@ std::vector<double> RecommendationRuleEngine::sanitizeRefinement(const std::vect
         delta = std::clamp(delta, -maxStepDb, maxStepDb);
         delta = std::round(delta / stepDb) * stepDb;
 
-        double cap = maxBoostDb;
-        if (i == kMudBand) cap = kMudCapDb;
-        if (i == kTrebleBands[0] || i == kTrebleBands[1]) cap = kTrebleCapDb;
+        const double cap = productCapDb(i);
         // A refinement may not push a band past its cap; a baseline already past it may only come down.
         const double up = std::floor(std::max(cap - base, 0.0) / stepDb) * stepDb;
         const double down = std::ceil(std::min(TenBandLayout::minGainDb - base, 0.0) / stepDb) * stepDb;

@@ -28,6 +28,10 @@ public:
     static std::vector<double> sanitizeRefinement(const std::vector<double>& deltas,
                                                   const std::vector<BandRecommendation>& baseline);
 
+    // The highest gain AI Tune ever gives a band: 250 Hz +4 (boosts there turn muddy fast), 8 and
+    // 16 kHz +6 (harshness), any other +10. Its lowest is the band floor, −12.
+    static double productCapDb(int band);
+
     // "sub-bass (31 Hz)" … "air (16 kHz)"; any other index gives "band N".
     static std::string bandName(int index);
 
