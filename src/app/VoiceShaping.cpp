@@ -71,8 +71,10 @@ VoiceShapingResult shapeBands(const std::map<int, double>& requestedChangesDb, c
 
         if (state.isAITuneEngaged) {
             const double heard = user + state.aiTweaksDb[band];
-            const double target = std::clamp(wholeDb(heard + stepFor(changeDb)), TenBandLayout::minGainDb,
-                                             RecommendationRuleEngine::productCapDb(band));
+            double target = std::clamp(wholeDb(heard + stepFor(changeDb)), TenBandLayout::minGainDb,
+                                       RecommendationRuleEngine::productCapDb(band));
+            // A band the user set above AI Tune's cap stays where it is on "more", not pulled down.
+            if ((changeDb > 0 && target < heard) || (changeDb < 0 && target > heard)) target = heard;
             r.aiTweaksDb[band] = target - user;
             bandNotes.push_back(fmt::format("{} {}", RecommendationRuleEngine::bandName(band), signedDb(target)));
             continue;

@@ -201,6 +201,13 @@ TEST(ShapeBands, AITuneTakesTheChangeInsideItsWindow) {
     const auto none = shapeBands({{3, 0.0}}, s);
     EXPECT_EQ(none.answer, kNothing);
     expectUntouched(none);
+
+    // The user set 250 Hz above AI Tune's cap: "more" leaves it there rather than pulling it down.
+    s.bandGainsDb[3] = 8;
+    s.aiTweaksDb[3] = 0;
+    const auto above = shapeBands({{3, 2}}, s);
+    EXPECT_EQ(above.aiTweaksDb, (Gains{{3, 0}}));
+    EXPECT_EQ(above.answer, "Done: low mids (250 Hz) +8 — kept inside AI Tune's window");
 }
 
 TEST(AdjustLoudness, MovesOnlyTheTrimWithinItsLimits) {
