@@ -372,7 +372,7 @@ Command makeTapCommand(CLI::App& root) {
     auto options = std::make_shared<TapOptions>();
     auto* app = root.add_subcommand(
         "tap", "Route applications live through a chain to an output device, printing meters once a second");
-    app->add_option("APP", options->apps, "Application to route: its pid, identity or name (see `tarn apps`)")
+    app->add_option("APP", options->apps, "Application to route: its pid (or its main process's), identity or name (see `tarn apps`)")
         ->required();
     app->add_option("--device", options->deviceUID,
                     "Output device UID (see `tarn devices`); default: the default output, followed when it changes")
