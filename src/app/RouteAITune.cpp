@@ -45,8 +45,18 @@ std::shared_ptr<AnalysisTap> RouteAITune::tapFor(const UUID& routeID) {
     return std::shared_ptr<AnalysisTap>(analyzer, &analyzer->tap());
 }
 
-void RouteAITune::routeStarted(const UUID& routeID, double sampleRate) {
+void RouteAITune::routeStarted(const UUID& routeID, double sampleRate, bool isTuned) {
+    routeStopped(routeID);
+    setTuned(routeID, isTuned, sampleRate);
+}
+
+void RouteAITune::setTuned(const UUID& routeID, bool isTuned, double sampleRate) {
     auto& s = state(routeID);
+    if (!isTuned) {
+        routeStopped(routeID);
+        return;
+    }
+    if (s.analyzer->isRunning()) return;
     s.analyzer->start(sampleRate);
     s.analyzer->setTimelineRecording(s.nowPlaying.has_value());
     s.analyzer->tap().setEnabled(true);

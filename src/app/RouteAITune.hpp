@@ -59,7 +59,10 @@ public:
 
     // The tap a route's engines feed (made on first use, kept with the route).
     std::shared_ptr<AnalysisTap> tapFor(const UUID& routeID);
-    void routeStarted(const UUID& routeID, double sampleRate);
+    // A route got a new engine at this rate. The analyser listens only while AI Tune is engaged
+    // on the route: a desk of untuned routes costs no analysis at all.
+    void routeStarted(const UUID& routeID, double sampleRate, bool isTuned);
+    void setTuned(const UUID& routeID, bool isTuned, double sampleRate);
     void routeStopped(const UUID& routeID);
     void forget(const UUID& routeID);
 

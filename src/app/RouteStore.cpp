@@ -353,7 +353,7 @@ void RouteStore::afterStart(AppRoute& route, LiveRoute& live, bool engineIsNew) 
         break;
     }
     if (engineIsNew) {
-        aiTune_.routeStarted(route.id, live.sampleRate());
+        aiTune_.routeStarted(route.id, live.sampleRate(), route.aiTuneScope.has_value());
         live.chain()->beatMeter().setEnabled(route.aiTuneScope.has_value());
     }
     editRoute(route.id);

@@ -88,9 +88,10 @@ bool RouteStore::setOutputDevice(const UUID& id, std::optional<std::string> devi
     r->targetOutputDeviceID = deviceUID;
     r->targetOutputStreamIndex = streamIndex;
     editRoute(id);
-    if (auto it = liveRoutes_.find(id); it != liveRoutes_.end() && it->second->isRunning()) {
+    // A paused route takes the new place when it resumes.
+    if (auto it = liveRoutes_.find(id); it != liveRoutes_.end()) {
         auto move = it->second->setPlacement({deviceUID, streamIndex, true});
-        if (move.moved || !move.failure) afterStart(*r, *it->second, move.moved);
+        if (it->second->isRunning() && (move.moved || !move.failure)) afterStart(*r, *it->second, move.moved);
     }
     return true;
 }
@@ -138,6 +139,7 @@ bool RouteStore::applyPreset(const UUID& presetID, const UUID& id) {
 
 bool RouteStore::setAITuneScope(const UUID& id, std::optional<RecommendationScope> scope) {
     const bool known = edit(id, [&](auto t) { RouteEdits::setAITuneScope(t, scope); });
+    if (auto* chain = dspChain(id)) aiTune_.setTuned(id, scope.has_value(), chain->sampleRate());
     if (known && scope) applyAITune();
     updateAITicks();
     return known;
