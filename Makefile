@@ -3,7 +3,10 @@ BUILD ?= build
 TSAN_BUILD ?= build-tsan
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-unit test-tsan bench clean
+PREFIX ?= /usr/local
+DESTDIR ?=
+
+.PHONY: all deps build run test test-unit test-tsan bench install clean
 
 all: build
 
@@ -29,6 +32,14 @@ test-tsan: deps
 	@cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_TSAN=ON >/dev/null
 	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target tarn_concurrency_tests
 	@ctest --test-dir $(TSAN_BUILD) --output-on-failure -L concurrency
+
+# Installs tarn, its data, the D-Bus activation file and the systemd user unit under $(PREFIX)
+# (staged under $(DESTDIR) when set).
+install: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target tarn
+	@DESTDIR=$(DESTDIR) cmake --install $(BUILD) >/dev/null
+	@echo "installed under $(DESTDIR)$(PREFIX)"
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do "$$b"; done

@@ -45,6 +45,7 @@ public:
         std::string artist;
         std::string genre;
         std::optional<double> durationSeconds;
+        std::string album;
         bool operator==(const NowPlaying&) const = default;
     };
 

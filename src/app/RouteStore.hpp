@@ -131,6 +131,8 @@ public:
     // A catalogue id; none removes the correction. Throws std::invalid_argument for an id the
     // catalogue does not hold (the route keeps its correction).
     bool setCorrectionProfile(const UUID& id, const std::optional<std::string>& catalogueID);
+    // A profile from elsewhere (a file): the route keeps it as its snapshot.
+    bool setCorrectionProfile(const UUID& id, const HeadphoneProfile& profile);
     // None removes the imported EQ.
     bool setImportedEQ(const UUID& id, const std::optional<ImportedEQ>& eq);
 
@@ -138,6 +140,8 @@ public:
     const std::vector<EQPreset>& presets() const { return presets_.presets(); }
     // Reads, parses and saves the file as a preset; errors pass to the caller.
     EQPreset importEQFile(const std::filesystem::path& path);
+    // Saves an EQ already read as a preset. Throws std::invalid_argument when it has no filter.
+    EQPreset importEQ(const ImportedEQ& eq);
     std::optional<EQPreset> saveCurrentAsPreset(const std::string& name, const UUID& id);
     bool deletePreset(const UUID& presetID);
     // Bands, genre, correction, trim and parametric filters of the preset; false when either is unknown.

@@ -75,6 +75,10 @@ bool RouteStore::setCorrectionProfile(const UUID& id, const std::optional<std::s
     return edit(id, [&](auto t) { RouteEdits::setCorrectionProfile(t, profile); });
 }
 
+bool RouteStore::setCorrectionProfile(const UUID& id, const HeadphoneProfile& profile) {
+    return edit(id, [&](auto t) { RouteEdits::setCorrectionProfile(t, profile); });
+}
+
 bool RouteStore::setImportedEQ(const UUID& id, const std::optional<ImportedEQ>& eq) {
     return edit(id, [&](auto t) { RouteEdits::setImportedEQ(t, eq); });
 }
@@ -101,6 +105,11 @@ bool RouteStore::setOutputDevice(const UUID& id, std::optional<std::string> devi
 EQPreset RouteStore::importEQFile(const std::filesystem::path& path) {
     const ImportedEQ eq = AutoEqParser::parseParametricFile(path);
     if (eq.filters.empty()) throw std::invalid_argument(path.string() + ": no filter line (\"Filter N: ON PK Fc …\")");
+    return importEQ(eq);
+}
+
+EQPreset RouteStore::importEQ(const ImportedEQ& eq) {
+    if (eq.filters.empty()) throw std::invalid_argument("no filter line (\"Filter N: ON PK Fc …\")");
     EQPreset preset = EQPreset::imported(eq);
     presets_.save(preset);
     return preset;
