@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "core/audio/AudioOutputRenderer.hpp"
 #include "core/audio/AudioRingBuffer.hpp"
+#include "core/audio/ProcessStreamHold.hpp"
 #include "core/audio/ProcessTapEngine.hpp"
 #include "core/audio/RouteAudioEngine.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
@@ -139,10 +141,20 @@ TEST_P(CaptureFailures, SayWhatFailedAndLeaveNothingAfterStop) {
 // four-character code), the last, and a callback the platform accepted without a handle.
 INSTANTIATE_TEST_SUITE_P(
     Steps, CaptureFailures,
-    ::testing::Values(Failure{Step::createProcessTap, -13, "tapCreationFailed(-13 '?\?\?\?')"},
+    ::testing::Values(Failure{Step::createProcessTap, -13, "tapCreationFailed(-13: Permission denied)"},
                       Failure{Step::tapFormat, 0x666d743f, "tapFormatQueryFailed(1718449215 'fmt?')", 1},
-                      Failure{Step::startDevice, -16, "deviceStartFailed(-16 '?\?\?\?')"},
-                      Failure{Step::createIOProcWithoutHandle, 1, "ioProcCreationFailed(0 '?\?\?\?')"}));
+                      Failure{Step::startDevice, -16, "deviceStartFailed(-16: Device or resource busy)"},
+                      Failure{Step::createIOProcWithoutHandle, 1, "ioProcCreationFailed(0)"}));
+
+// What the failure texts say about a status: never a code made of unprintable bytes.
+TEST(PlatformStatus, ReadsAsWords) {
+    EXPECT_EQ(AudioPlatform::statusDescription(-2), "-2: No such file or directory");
+    EXPECT_EQ(AudioPlatform::statusDescription(0x21646174), "560226676 '!dat'");
+    EXPECT_EQ(AudioPlatform::statusDescription(0x7FFFFFFF), "2147483647") << "a byte above ASCII";
+    EXPECT_EQ(AudioPlatform::statusDescription(0x20), "32") << "control bytes";
+    EXPECT_EQ(AudioPlatform::statusDescription(-10875), "-10875") << "a negative macOS status is no errno";
+    EXPECT_EQ(AudioPlatform::statusDescription(std::numeric_limits<std::int32_t>::min()), "-2147483648");
+}
 
 // ---- renderer ----------------------------------------------------------------------------------
 
@@ -154,6 +166,8 @@ TEST_F(Engines, RendererFadesInAndOutWithoutAClickAndStopsInOrder) {
     renderer.setPreferredIOBufferFrames(512);
     platform.setRenderSink({2048, 0, std::chrono::milliseconds(100)});
     renderer.start(44100);
+    EXPECT_EQ(platform.outputUnitCaptures(), std::vector<AudioPlatform::ObjectID>{0})
+        << "a renderer that plays what another producer wrote has no capture to pair with";
     EXPECT_EQ(platform.lastOutputUnitFormat(), (AudioStreamFormat{44100, 2}));
     EXPECT_EQ(platform.bufferFramesOf(speakers), 512u);
     ASSERT_TRUE(platform.waitForRenderCycles(2));
@@ -197,8 +211,10 @@ TEST_P(RenderFailures, SayWhatFailedAndUndoThemselves) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, RenderFailures,
                          ::testing::Values(Failure{Step::outputUnitComponent, -1, "auComponentNotFound"},
-                                           Failure{Step::setOutputUnitFormat, -22, "setStreamFormatFailed(-22)"},
-                                           Failure{Step::startOutputUnit, -16, "startFailed(-16)"}));
+                                           Failure{Step::setOutputUnitFormat, -22,
+                                                   "setStreamFormatFailed(-22: Invalid argument)"},
+                                           Failure{Step::startOutputUnit, -16, "startFailed(-16: Device or resource busy)"},
+                                           Failure{Step::initializeOutputUnit, 0x6e6f7065, "initFailed(1852797029 'nope')"}));
 
 // ---- route engine ------------------------------------------------------------------------------
 
@@ -241,18 +257,73 @@ TEST_F(Engines, RouteRunsCaptureThroughTheChainToTheDeviceAndRestarts) {
         << "a restarted route plays again";
 }
 
+// One process runs many routes. Every start pairs the route's output with its own capture, with
+// a stream hold (a capture that has no output) standing, a route moving to another device (its
+// new engine starts before the old one stops), and routes stopped and started out of order.
+TEST_F(Engines, EveryRouteOutputIsPairedWithItsOwnCaptureHoweverRoutesInterleave) {
+    constexpr AudioPlatform::ObjectID browser = 11, headphones = 43;
+    platform.addProcess({browser, 4343, "org.mozilla.firefox", true, std::nullopt});
+    platform.addDevice({headphones, "headphones", "Test Headphones", {2}});
+    const RouteAudioFormat onHeadphones{headphones, "headphones", 0u, 2, "Stereo", RouteCaptureMode::multichannelStream};
+    auto route = [&](AudioPlatform::ObjectID process, const RouteAudioFormat& format) {
+        return std::make_unique<RouteAudioEngine>(platform, "x", process, format,
+                                                  std::make_shared<RouteDSPChain>(2, 48000), 16384, std::nullopt);
+    };
+    auto expectPaired = [&](std::vector<RouteAudioEngine*> running, const char* when) {
+        std::vector<AudioPlatform::ObjectID> own, paired = platform.outputUnitCaptures();
+        for (auto* r : running) own.push_back(r->capture().aggregateDeviceID());
+        std::sort(own.begin(), own.end());
+        std::sort(paired.begin(), paired.end());
+        EXPECT_EQ(paired, own) << when;
+    };
+
+    auto music = route(app, stereo);
+    auto browserRoute = route(browser, onHeadphones);
+    ProcessStreamHold browserHold(platform, browser, "org.mozilla.firefox");
+    ASSERT_EQ(browserHold.hold(), AudioPlatform::noError);
+    music->start();
+    browserRoute->start(); // resumes while its hold still stands
+    browserHold.release();
+    expectPaired({music.get(), browserRoute.get()}, "two routes, one resumed over its hold");
+
+    auto moved = route(app, onHeadphones);
+    moved->start();
+    expectPaired({music.get(), browserRoute.get(), moved.get()}, "while a route moves to another device");
+    music.reset();
+    expectPaired({browserRoute.get(), moved.get()}, "after the move");
+
+    ProcessStreamHold musicHold(platform, app, "com.spotify.Client");
+    ASSERT_EQ(musicHold.hold(), AudioPlatform::noError);
+    moved->stop();
+    browserRoute->stop();
+    browserRoute->start();
+    moved->start();
+    musicHold.release();
+    expectPaired({browserRoute.get(), moved.get()}, "restarted in another order");
+
+    browserRoute.reset();
+    moved.reset();
+    EXPECT_TRUE(platform.isClean());
+}
+
 TEST_F(Engines, RouteThatFailsToStartLeavesNothingAndSaysWhichSideFailed) {
     RouteAudioEngine engine(platform, "x", app, stereo, std::make_shared<RouteDSPChain>(2, 48000), 16384, std::nullopt);
     auto failure = [&] { return startError<RouteAudioEngine::StartError>([&] { engine.start(); }); };
     platform.fail(Step::setOutputUnitDevice, -19);
-    EXPECT_EQ(failure(), "render(setDeviceFailed(-19))");
+    EXPECT_EQ(failure(), "render(setDeviceFailed(-19: No such device))");
     EXPECT_FALSE(engine.capture().isRunning());
     EXPECT_TRUE(platform.isClean());
 
     platform.clearFailures();
     platform.fail(Step::tapFormat, -5);
-    EXPECT_EQ(failure(), "capture(tapFormatQueryFailed(-5 '?\?\?\?'))");
+    EXPECT_EQ(failure(), "capture(tapFormatQueryFailed(-5: Input/output error))");
     EXPECT_TRUE(platform.isClean()) << "even the tap that the format query left behind";
+
+    // Pairing the output with its capture is part of connecting the unit.
+    platform.clearFailures();
+    platform.fail(Step::setOutputUnitCapture, -2);
+    EXPECT_EQ(failure(), "render(initFailed(-2: No such file or directory))");
+    EXPECT_TRUE(platform.isClean());
 }
 
 TEST_F(Engines, RouteReportsWhichSideThePlatformStopped) {

@@ -1,6 +1,7 @@
 // The PipeWire platform on a real private sound server: capture sinks, metadata moves, capture and
 // playback nodes, discovery and devices. The route engines on top are tested in RouteTests.
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <thread>
@@ -66,6 +67,10 @@ protected:
     // PulseAudio's (most desktop applications), aplay ALSA's through PipeWire's ALSA plugin, ffplay
     // SDL's (games and media players).
     AudioPlatform::ObjectID startPlayer(const std::vector<std::string>& command = {"pw-play"}) {
+        return startPlayer(player, command);
+    }
+    AudioPlatform::ObjectID startPlayer(std::unique_ptr<BackgroundProcess>& player,
+                                        const std::vector<std::string>& command) {
         std::vector<std::string> argv = command;
         argv.push_back((folder / "tone.wav").string());
         player = std::make_unique<BackgroundProcess>(argv);
@@ -94,6 +99,12 @@ protected:
 
     // Every step the capture and render engines take, in their order, passing the audio through.
     void startRoute(AudioPlatform::ObjectID process, const std::string& deviceUID, PassThrough& route, Route& r) {
+        ASSERT_NO_FATAL_FAILURE(startCapture(process, route, r));
+        ASSERT_NO_FATAL_FAILURE(startOutput(deviceUID, route, r));
+    }
+
+    // The capture sink alone, as a paused route's stream hold makes it.
+    void makeCaptureSink(AudioPlatform::ObjectID process, Route& r) {
         AudioPlatform::TapDescription tapDescription;
         tapDescription.processes = {process};
         tapDescription.name = "Tarn Tap pw-cat";
@@ -108,15 +119,24 @@ protected:
         aggregateDescription.name = "Tarn Capture pw-cat";
         aggregateDescription.taps = {{tapUID, true}};
         ASSERT_EQ(platform->createAggregateDevice(aggregateDescription, r.aggregate), 0);
+    }
+
+    void startCapture(AudioPlatform::ObjectID process, PassThrough& route, Route& r) {
+        ASSERT_NO_FATAL_FAILURE(makeCaptureSink(process, r));
         ASSERT_EQ(platform->createIOProc(r.aggregate, &PassThrough::capture, &route, r.io), 0);
         ASSERT_EQ(platform->startDevice(r.aggregate, r.io), 0);
+    }
 
+    void startOutput(const std::string& deviceUID, PassThrough& route, Route& r) {
+        AudioStreamFormat format;
+        ASSERT_EQ(platform->tapFormat(r.tap, format), 0);
         ASSERT_EQ(platform->deviceForUID(deviceUID, r.device), 0);
         ASSERT_EQ(platform->createOutputUnit(r.unit), 0);
         ASSERT_EQ(platform->enableOutputIO(r.unit), 0);
         ASSERT_EQ(platform->setOutputUnitDevice(r.unit, r.device), 0);
         ASSERT_EQ(platform->setOutputUnitFormat(r.unit, format), 0);
         ASSERT_EQ(platform->setRenderCallback(r.unit, &PassThrough::render, &route), 0);
+        ASSERT_EQ(platform->setOutputUnitCapture(r.unit, r.aggregate), 0);
         ASSERT_EQ(platform->initializeOutputUnit(r.unit), 0);
         ASSERT_EQ(platform->startOutputUnit(r.unit), 0);
     }
@@ -230,6 +250,65 @@ TEST_F(PipeWirePlatformTest, AlsaClientIsRoutedTheSameWay) {
 
 TEST_F(PipeWirePlatformTest, SdlApplicationIsRoutedTheSameWay) {
     checkHeardOnlyThroughItsRouteAndReturnsAfterwards({"ffplay", "-nodisp", "-autoexit", "-loglevel", "error"});
+}
+
+// One process runs many routes and holds the applications of paused ones. An output unit is
+// joined with the capture it is given, in one node of that route's group, whatever capture sinks
+// were made around it.
+TEST_F(PipeWirePlatformTest, OutputUnitJoinsTheCaptureItIsGiven) {
+    auto process = startPlayer();
+    std::unique_ptr<BackgroundProcess> heldPlayer;
+    auto heldProcess = startPlayer(heldPlayer, {"pw-play"});
+    ASSERT_NE(process, 0u);
+    ASSERT_NE(heldProcess, 0u);
+    PassThrough route;
+    Route r, hold;
+    ASSERT_NO_FATAL_FAILURE(startCapture(process, route, r));
+    ASSERT_NO_FATAL_FAILURE(makeCaptureSink(heldProcess, hold));
+    ASSERT_NO_FATAL_FAILURE(startOutput("test-headphones", route, r));
+
+    auto property = [&](uint32_t node, const char* key) {
+        PipeWireConnection::Lock lock(platform->connection());
+        auto g = platform->connection().graph();
+        auto* n = g.node(node);
+        return n ? n->prop(key) : std::string();
+    };
+    auto routeNodes = [&] {
+        PipeWireConnection::Lock lock(platform->connection());
+        std::vector<PipeWireNodeRecord> out;
+        for (const auto& n : platform->connection().graph().nodes)
+            if (n.prop("tarn.role") == "route") out.push_back(n);
+        return out;
+    };
+    const auto group = property(r.aggregate, "node.group");
+    ASSERT_FALSE(group.empty());
+    EXPECT_TRUE(eventually(
+        [&] {
+            auto nodes = routeNodes();
+            return nodes.size() == 1 && nodes[0].prop("node.group") == group;
+        },
+        2s))
+        << routeNodes().size() << " route nodes: capture and playback were not joined in the route's group";
+
+    // The held application is heard nowhere; the routed one only through its route.
+    std::this_thread::sleep_for(300ms);
+    auto onHeadphones = recordSink("test-headphones", 2, 1.0);
+    auto onSpeakers = recordSink("test-speakers", 2, 1.0);
+    EXPECT_NEAR(toDb(level(onHeadphones, 0)), toDb(0.25), 0.5);
+    EXPECT_LT(level(onSpeakers, 0), 0.001);
+
+    // A capture plays through one unit only, and only a capture that exists can be named.
+    AudioPlatform::OutputUnitHandle other = 0;
+    ASSERT_EQ(platform->createOutputUnit(other), 0);
+    EXPECT_EQ(platform->setOutputUnitCapture(other, r.aggregate), -EBUSY);
+    EXPECT_EQ(platform->setOutputUnitCapture(other, 987654), -ENOENT);
+    EXPECT_EQ(platform->setOutputUnitCapture(r.unit, hold.aggregate), -EBUSY) << "the unit is connected already";
+    EXPECT_EQ(platform->disposeOutputUnit(other), 0);
+
+    stopRoute(r);
+    EXPECT_EQ(platform->destroyAggregateDevice(hold.aggregate), 0);
+    EXPECT_EQ(platform->destroyProcessTap(hold.tap), 0);
+    EXPECT_TRUE(eventually([&] { return routeNodes().empty(); }, 2s)) << "a route node outlived its route";
 }
 
 TEST_F(PipeWirePlatformTest, GraphRateChangeEndsTheRouteWithAClearError) {

@@ -183,6 +183,12 @@ std::optional<AudioStreamFormat> SimulatedAudioPlatform::lastOutputUnitFormat() 
 std::optional<AudioPlatform::ObjectID> SimulatedAudioPlatform::lastOutputUnitDevice() const {
     return locked([&] { return lastUnitDevice_; });
 }
+std::vector<AudioPlatform::ObjectID> SimulatedAudioPlatform::outputUnitCaptures() const {
+    std::lock_guard lock(mutex_);
+    std::vector<ObjectID> out;
+    for (const auto& [handle, unit] : units_) out.push_back(unit.capture);
+    return out;
+}
 std::vector<std::pair<AudioPlatform::ObjectID, std::uint32_t>> SimulatedAudioPlatform::bufferRequests() const {
     return locked([&] { return bufferRequests_; });
 }
@@ -434,6 +440,19 @@ AudioPlatform::Status SimulatedAudioPlatform::setRenderCallback(OutputUnitHandle
     return onUnit(Step::setRenderCallback, "setRenderCallback", unit, [&](OutputUnit& u) {
         u.proc = proc;
         u.context = context;
+        return noError;
+    });
+}
+
+// Like a platform that joins the unit to its capture when it connects it: too late once the unit
+// is initialised, and one unit per capture.
+AudioPlatform::Status SimulatedAudioPlatform::setOutputUnitCapture(OutputUnitHandle unit, ObjectID aggregateDeviceID) {
+    return onUnit(Step::setOutputUnitCapture, "setOutputUnitCapture", unit, [&](OutputUnit& u) {
+        if (u.initialized) return invalid;
+        if (!aggregates_.contains(aggregateDeviceID)) return notFound;
+        for (const auto& [handle, other] : units_)
+            if (&other != &u && other.capture == aggregateDeviceID) return busy;
+        u.capture = aggregateDeviceID;
         return noError;
     });
 }

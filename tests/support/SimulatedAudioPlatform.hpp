@@ -31,7 +31,7 @@ public:
         createAggregateDevice, destroyAggregateDevice,
         createIOProc, createIOProcWithoutHandle, destroyIOProc, startDevice, stopDevice,
         outputUnitComponent, createOutputUnit, enableOutputIO, setOutputUnitDevice, setMaximumFramesPerSlice,
-        setOutputUnitFormat, setRenderCallback, initializeOutputUnit, startOutputUnit,
+        setOutputUnitFormat, setRenderCallback, setOutputUnitCapture, initializeOutputUnit, startOutputUnit,
         bufferFrameSizeRange, setBufferFrameSize, bufferFrameSize,
         processObjectList, addProcessListListener, addRunningOutputListener,
         outputDeviceList, defaultOutputDevice, deviceForUID, deviceUID, deviceName, outputStreamChannelCounts,
@@ -117,6 +117,8 @@ public:
     std::optional<AggregateDeviceDescription> lastAggregateDescription() const;
     std::optional<AudioStreamFormat> lastOutputUnitFormat() const;
     std::optional<ObjectID> lastOutputUnitDevice() const;
+    // The aggregate device each live output unit was paired with (0: none), in the units' order.
+    std::vector<ObjectID> outputUnitCaptures() const;
     std::uint32_t bufferFramesOf(ObjectID deviceID) const;
     std::vector<std::pair<ObjectID, std::uint32_t>> bufferRequests() const;
     // Cycles delivered by all capture threads / render threads so far.
@@ -156,6 +158,7 @@ public:
     Status setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t frames) override;
     Status setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) override;
     Status setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) override;
+    Status setOutputUnitCapture(OutputUnitHandle unit, ObjectID aggregateDeviceID) override;
     Status initializeOutputUnit(OutputUnitHandle unit) override;
     Status startOutputUnit(OutputUnitHandle unit) override;
     Status stopOutputUnit(OutputUnitHandle unit) override;
@@ -189,6 +192,7 @@ public:
 
     static constexpr Status notFound = -2;     // -ENOENT
     static constexpr Status invalid = -22;     // -EINVAL
+    static constexpr Status busy = -16;        // -EBUSY
     // Every device and aggregate accepts buffers of this many frames.
     static constexpr double minimumBufferFrames = 16, maximumBufferFrames = 8192;
 
@@ -212,6 +216,7 @@ private:
         std::optional<AudioStreamFormat> format;
         RenderProc proc = nullptr;
         void* context = nullptr;
+        ObjectID capture = 0; // the aggregate device it is paired with
         bool initialized = false;
         std::unique_ptr<Runner> runner;
         std::optional<std::string> failure;

@@ -26,7 +26,7 @@ AudioOutputRenderer::StartError::StartError(Case errorCase, std::int32_t status)
       status_(status),
       description_(errorCase == Case::auComponentNotFound
                        ? std::string(name(errorCase))
-                       : std::string(name(errorCase)) + "(" + std::to_string(status) + ")") {}
+                       : std::string(name(errorCase)) + "(" + AudioPlatform::statusDescription(status) + ")") {}
 
 AudioOutputRenderer::AudioOutputRenderer(AudioPlatform& platform, std::uint32_t outputDeviceID,
                                          std::shared_ptr<RouteDSPChain> dspChain,
@@ -76,6 +76,9 @@ void AudioOutputRenderer::start(double sampleRate) {
 
     if (auto status = platform_.setRenderCallback(audioUnit_, &RenderKernel::renderProc, &kernel_)) {
         failAndStop(Case::setRenderCallbackFailed, status);
+    }
+    if (captureDeviceID_) {
+        if (auto status = platform_.setOutputUnitCapture(audioUnit_, *captureDeviceID_)) failAndStop(Case::initFailed, status);
     }
     if (auto status = platform_.initializeOutputUnit(audioUnit_)) failAndStop(Case::initFailed, status);
     if (auto status = platform_.startOutputUnit(audioUnit_)) failAndStop(Case::startFailed, status);

@@ -43,7 +43,8 @@ public:
         StartError(Case errorCase, std::int32_t status = 0);
         Case errorCase() const { return case_; }
         std::int32_t status() const { return status_; }
-        // "<case>(<status>)", or just the name for auComponentNotFound.
+        // "<case>(<status in words>)" as AudioPlatform::statusDescription reads it
+        // ("setDeviceFailed(-19: No such device)"), or just the name for auComponentNotFound.
         const char* what() const noexcept override { return description_.c_str(); }
         const std::string& description() const { return description_; }
         static const char* name(Case errorCase);
@@ -76,6 +77,12 @@ public:
     std::optional<std::string> interruption() const;
     std::optional<std::uint32_t> preferredIOBufferFrames() const { return preferredIOBufferFrames_; }
     void setPreferredIOBufferFrames(std::optional<std::uint32_t> frames) { preferredIOBufferFrames_ = frames; }
+    // The aggregate device of the capture whose ring this renderer plays, or none when another
+    // producer fills the ring. Takes effect at the next start, which pairs the output unit with it
+    // before initialising the unit; a pairing the platform refuses fails the start as `initFailed`,
+    // since it is part of connecting the unit.
+    std::optional<std::uint32_t> captureDeviceID() const { return captureDeviceID_; }
+    void setCaptureDeviceID(std::optional<std::uint32_t> deviceID) { captureDeviceID_ = deviceID; }
 
     // The render kernel (for inspection: fade and ramp state).
     const RenderKernel& kernel() const { return kernel_; }
@@ -91,6 +98,7 @@ private:
     AudioPlatform::OutputUnitHandle audioUnit_ = 0;
     bool isRunning_ = false;
     std::optional<std::uint32_t> preferredIOBufferFrames_;
+    std::optional<std::uint32_t> captureDeviceID_;
     std::unique_ptr<float[]> ioScratch_;
     std::unique_ptr<float[]> lastSamples_;
     // Its address is the render callback's context.

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -44,6 +46,11 @@ public:
     static constexpr Status noError = 0;
 
     virtual ~AudioPlatform() = default;
+
+    // A status in words, for error texts: a negative errno with its meaning ("-13: Permission
+    // denied"); a status whose four bytes are all printable ASCII with that code, as macOS
+    // statuses are read ("1718449215 'fmt?'"); any other status as its number alone.
+    static std::string statusDescription(Status status);
 
     // ---- Capture ---------------------------------------------------------------------------
     //
@@ -126,6 +133,13 @@ public:
     // Interleaved 32-bit float frames at this rate and channel count; no other format is used.
     virtual Status setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) = 0;
     virtual Status setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) = 0;
+    // Names the capture whose route this unit plays: the aggregate device of that route's own
+    // tap. Called before `initializeOutputUnit`, and only when the route has a capture (a unit
+    // that plays what another producer wrote has none). One process runs many routes, started,
+    // paused and resumed in any order, so nothing else can tell which capture a unit belongs to.
+    // On PipeWire the unit and that capture become the two sides of one node. A platform that
+    // needs nothing of this leaves the default.
+    virtual Status setOutputUnitCapture(OutputUnitHandle unit, ObjectID aggregateDeviceID) { return noError; }
     // Connects the unit to its device; the callback is not called before `startOutputUnit`.
     virtual Status initializeOutputUnit(OutputUnitHandle unit) = 0;
     virtual Status startOutputUnit(OutputUnitHandle unit) = 0;
@@ -201,5 +215,29 @@ public:
     // Fires when devices appear or disappear, their streams change, or the default changes.
     virtual Status addDeviceListListener(ChangeListener listener, ListenerToken& token) = 0;
 };
+
+inline std::string AudioPlatform::statusDescription(Status status) {
+    std::string text = std::to_string(status);
+    if (status < 0) {
+        // The lowest status has no positive counterpart and names no errno.
+        if (status == std::numeric_limits<Status>::min()) return text;
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 32))
+        // Untranslated and thread-safe: the same words whatever the locale, none for a number
+        // that is no errno (a negative macOS status).
+        const char* meaning = strerrordesc_np(-status);
+#else
+        const char* meaning = std::strerror(-status);
+#endif
+        return meaning ? text + ": " + meaning : text;
+    }
+    const auto bits = static_cast<std::uint32_t>(status);
+    std::string code(4, ' ');
+    for (std::size_t i = 0; i < 4; ++i) {
+        const auto byte = static_cast<unsigned char>(bits >> (24 - 8 * i));
+        if (byte < 0x20 || byte > 0x7e) return text;
+        code[i] = static_cast<char>(byte);
+    }
+    return text + " '" + code + "'";
+}
 
 } // namespace tarn

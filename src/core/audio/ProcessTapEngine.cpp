@@ -23,21 +23,10 @@ const char* ProcessTapEngine::StartError::name(Case errorCase) {
     return "?";
 }
 
-std::string ProcessTapEngine::StartError::fourCharacterCode(std::int32_t status) {
-    const auto bits = static_cast<std::uint32_t>(status);
-    std::string code(4, ' ');
-    for (int i = 0; i < 4; ++i) {
-        const auto byte = static_cast<unsigned char>(bits >> (24 - 8 * i));
-        if (byte < 0x20 || byte > 0x7e) return "????";
-        code[std::size_t(i)] = static_cast<char>(byte);
-    }
-    return code;
-}
-
 ProcessTapEngine::StartError::StartError(Case errorCase, std::int32_t status)
     : case_(errorCase),
       status_(status),
-      description_(std::string(name(errorCase)) + "(" + std::to_string(status) + " '" + fourCharacterCode(status) + "')") {}
+      description_(std::string(name(errorCase)) + "(" + AudioPlatform::statusDescription(status) + ")") {}
 
 // ---- engine ------------------------------------------------------------------------------------
 

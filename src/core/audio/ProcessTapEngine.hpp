@@ -41,13 +41,11 @@ public:
         StartError(Case errorCase, std::int32_t status);
         Case errorCase() const { return case_; }
         std::int32_t status() const { return status_; }
-        // "<case>(<status> '<four-character code>')".
+        // "<case>(<status in words>)", as AudioPlatform::statusDescription reads it:
+        // "tapCreationFailed(-13: Permission denied)", "tapFormatQueryFailed(1718449215 'fmt?')".
         const char* what() const noexcept override { return description_.c_str(); }
         const std::string& description() const { return description_; }
 
-        // The status's four bytes, most significant first, as ASCII; "????" when any byte is not
-        // a printable ASCII character (as every negative errno is).
-        static std::string fourCharacterCode(std::int32_t status);
         static const char* name(Case errorCase);
 
     private:

@@ -45,6 +45,8 @@ double RouteAudioEngine::start() {
         dspChain_->recomputeSafetyCeiling();
         dspChain_->resetRealtimeState();
     }
+    // The renderer plays this capture and no other, however many routes this process runs.
+    renderer_.setCaptureDeviceID(capture_.aggregateDeviceID());
     try {
         renderer_.start(sampleRate);
     } catch (const AudioOutputRenderer::StartError& error) {

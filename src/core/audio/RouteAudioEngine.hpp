@@ -21,7 +21,9 @@ class RouteDSPChain;
 
 // One route's whole audio path: capture of the application into a ring buffer (with the DSP
 // chain running in the capture callback), and the renderer playing the ring on the route's
-// device at the capture's sample rate, with no rate conversion in between.
+// device at the capture's sample rate, with no rate conversion in between. The renderer's unit
+// is paired with this route's own capture device at every start, whatever other routes (or
+// stream holds) the process starts and stops around it.
 //
 // Control thread only. A failed start leaves both sides stopped and says which side failed.
 // `stop()` stops the renderer (with its fade-out), then capture, then empties the ring; it may

@@ -94,4 +94,12 @@ std::vector<PipeWireApplication> PipeWireApplication::list(const PipeWireGraph& 
     return apps;
 }
 
+const PipeWireApplication* PipeWireApplication::withStream(const std::vector<PipeWireApplication>& applications,
+                                                           uint32_t streamNodeID) {
+    for (const auto& app : applications)
+        if (std::find(app.streamNodeIDs.begin(), app.streamNodeIDs.end(), streamNodeID) != app.streamNodeIDs.end())
+            return &app;
+    return nullptr;
+}
+
 } // namespace tarn

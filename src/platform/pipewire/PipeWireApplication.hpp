@@ -22,6 +22,10 @@ struct PipeWireApplication {
     // The applications of a graph, in the order of their first stream. Nodes made by any Tarn
     // process are never listed.
     static std::vector<PipeWireApplication> list(const PipeWireGraph& graph);
+    // The application one of whose streams is that node (a process object is its first stream),
+    // or null.
+    static const PipeWireApplication* withStream(const std::vector<PipeWireApplication>& applications,
+                                                 uint32_t streamNodeID);
 
     // Identity and pid of the process behind one output stream node.
     static std::string identityOf(const PipeWireNodeRecord& node, const PipeWireClientRecord* client);

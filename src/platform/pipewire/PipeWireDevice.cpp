@@ -2,6 +2,8 @@
 
 #include <sstream>
 
+#include <fmt/format.h>
+
 namespace tarn {
 
 namespace {
@@ -46,6 +48,21 @@ std::vector<PipeWireDevice> PipeWireDevice::list(const PipeWireGraph& graph) {
         devices.push_back(std::move(d));
     }
     return devices;
+}
+
+std::vector<std::string> PipeWireDevice::defaultPositions(uint32_t channels) {
+    switch (channels) {
+    case 1: return {"MONO"};
+    case 2: return {"FL", "FR"};
+    case 4: return {"FL", "FR", "RL", "RR"};
+    case 6: return {"FL", "FR", "FC", "LFE", "RL", "RR"};
+    case 8: return {"FL", "FR", "FC", "LFE", "RL", "RR", "SL", "SR"};
+    default: {
+        std::vector<std::string> out;
+        for (uint32_t i = 0; i < channels; ++i) out.push_back(fmt::format("AUX{}", i));
+        return out;
+    }
+    }
 }
 
 } // namespace tarn

@@ -21,6 +21,8 @@ struct PipeWireDevice {
 
     // The sinks of a graph in registry order; Tarn's own capture sinks are not devices.
     static std::vector<PipeWireDevice> list(const PipeWireGraph& graph);
+    // The usual layout for a channel count, for a device that does not name its positions.
+    static std::vector<std::string> defaultPositions(uint32_t channels);
 };
 
 } // namespace tarn

@@ -11,21 +11,24 @@ namespace tarn {
 
 // The audio platform on PipeWire.
 //
-// - A tap records which application (its pid, else its identity) is captured and in which format
-//   (the graph's rate; two channels, or the chosen sink's channel layout).
+// - A tap (PipeWireTap) records which application (its pid, else its identity) is captured and in
+//   which format (the graph's rate; two channels, or the chosen sink's channel layout).
 // - The aggregate device is a private virtual sink, "Tarn Capture " + identity, created by this
 //   client (so it dies with it). Every output stream of the application is moved onto it through
 //   `target.object` in the session manager's "default" metadata, and streams that appear later
 //   follow while it exists. Destroying it removes those entries, so the application goes back to
 //   its normal output; if the process dies, the sink goes with its client and the metadata guard
-//   (a small watchdog process) removes the entries.
-// - A route's I/O procedure and output unit are the two sides of one filter node in this process:
-//   input ports linked from the capture sink's monitor, output ports linked to the chosen sink, so
-//   that the output device's cycle runs capture and playback in one wake-up, playback taking what
-//   capture wrote in the same cycle. The links are this client's and go with it. An output unit
-//   with no capture sink to pair with (or an I/O procedure alone) gets a node of its own.
+//   (a small watchdog process) removes the entries. PipeWireCaptureSinks keeps the sinks and
+//   moves the streams.
+// - A route's I/O procedure and output unit are the two sides (PipeWireRouteSide) of one filter
+//   node in this process (PipeWireRouteNode): input ports linked from the capture sink's monitor,
+//   output ports linked to the chosen sink, so that the output device's cycle runs capture and
+//   playback in one wake-up, playback taking what capture wrote in the same cycle. The unit is
+//   joined with the capture the engine names through `setOutputUnitCapture`; a unit named none
+//   (or an I/O procedure alone) gets a node of its own.
 // - Buffer sizes are `node.latency` requests; the size in force is the quantum the node's graph
 //   cycle really has, known once the node runs.
+// - Applications and devices are read from PipeWireGraphWatcher's picture of the graph.
 class PipeWirePlatform final : public AudioPlatform {
 public:
     // Connects to the daemon. Throws PipeWireError when none answers.
@@ -61,6 +64,8 @@ public:
     Status setMaximumFramesPerSlice(OutputUnitHandle unit, std::uint32_t frames) override;
     Status setOutputUnitFormat(OutputUnitHandle unit, const AudioStreamFormat& format) override;
     Status setRenderCallback(OutputUnitHandle unit, RenderProc proc, void* context) override;
+    // The sink must exist and be joined with no other unit; the unit must not be initialised yet.
+    Status setOutputUnitCapture(OutputUnitHandle unit, ObjectID aggregateDeviceID) override;
     Status initializeOutputUnit(OutputUnitHandle unit) override;
     Status startOutputUnit(OutputUnitHandle unit) override;
     Status stopOutputUnit(OutputUnitHandle unit) override;
