@@ -17,6 +17,7 @@ DeskService::~DeskService() {
     checkTimer_.cancel();
     retryTimer_.cancel();
     store_.reset(); // saves, stops every route
+    if (platform_ && lossListener_) platform_->removeListener(lossListener_);
     platform_.reset();
 }
 
@@ -38,6 +39,15 @@ void DeskService::connect() {
     }
     connectionProblem_.reset();
     retrySeconds_ = firstRetrySeconds;
+    // A server that goes away reports it as a change of its devices.
+    std::weak_ptr<DeskService*> weak = self_;
+    platform_->addDeviceListListener(
+        [weak, &queue = queue_] {
+            queue.async([weak] {
+                if (auto self = weak.lock()) (*self)->checkConnection();
+            });
+        },
+        lossListener_);
     store_ = std::make_unique<RouteStore>(*platform_, queue_, preferences_,
                                           RouteStore::Options{{}, &ProcessTree::system(), songMemory_});
     store_->onChange = [this](RouteStore::Change change) {
@@ -62,6 +72,8 @@ void DeskService::lose() {
     spdlog::warn("the sound server went away; the routes come back when it does");
     liveBeforeLoss_ = store_->liveEngines();
     store_.reset();
+    if (lossListener_) platform_->removeListener(lossListener_);
+    lossListener_ = 0;
     platform_.reset();
     for (const auto& listener : connectionListeners_) listener();
     retrySeconds_ = firstRetrySeconds;

@@ -32,7 +32,9 @@ public:
     // Whether a platform's connection to its server still stands.
     using ConnectionCheck = std::function<bool(AudioPlatform&)>;
 
-    static constexpr double connectionCheckSeconds = 1.0;
+    // The platform says when its server goes (its device listener fires); this slow check is only
+    // the safety net for a loss it could not report.
+    static constexpr double connectionCheckSeconds = 30.0;
     // Reconnection tries start fast and settle at one a second, so a server that comes back is
     // in use again within a second or two.
     static constexpr double firstRetrySeconds = 0.25;
@@ -63,7 +65,8 @@ public:
     // Each live route's input and output peaks (linear) now.
     nlohmann::json meters() const;
 
-    // The connection check's tick (tests call it directly).
+    // Looks whether the server is still there (on the platform's word, and on the check's tick;
+    // tests call it directly).
     void checkConnection();
 
 private:
@@ -81,6 +84,9 @@ private:
     std::set<UUID> liveBeforeLoss_;
     std::optional<std::string> connectionProblem_;
     double retrySeconds_ = firstRetrySeconds;
+    AudioPlatform::ListenerToken lossListener_ = 0;
+    // Work posted by the platform's threads holds this weakly: a destroyed service is never touched.
+    std::shared_ptr<DeskService*> self_ = std::make_shared<DeskService*>(this);
     std::vector<std::function<void(RouteStore::Change)>> changeListeners_;
     std::vector<std::function<void()>> connectionListeners_;
     QueueTimer checkTimer_;

@@ -29,7 +29,6 @@
 namespace tarn::cli {
 namespace {
 
-constexpr int busCheckMs = 1000;
 // How long a replaced desk gets to give its routes back: 10 s in 50 ms steps.
 constexpr int replacedWaitSteps = 200;
 
@@ -100,11 +99,8 @@ int runDaemon(const DaemonOptions& options) {
     service.start();
     nowPlaying.start();
     // The session ended (its bus went away): so does the desk, giving every route back.
-    QTimer busCheck;
-    QObject::connect(&busCheck, &QTimer::timeout, &app, [&app, &bus] {
-        if (!bus.isConnected()) app.quit();
-    });
-    busCheck.start(busCheckMs);
+    bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local", "Disconnected", &app,
+                SLOT(quit()));
     spdlog::info("the desk is running as {} on the session bus", DeskBus::serviceName);
     const int code = app.exec();
     spdlog::info("stopping every route; the applications go back to their normal output");
