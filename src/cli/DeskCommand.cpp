@@ -1,0 +1,95 @@
+// tarn desk: the desk window. A client of the desk service (started through D-Bus activation
+// when it does not run); closing the window leaves every route playing.
+
+#include <cstdlib>
+#include <memory>
+#include <regex>
+
+#include <QDBusError>
+#include <QGuiApplication>
+#include <QImage>
+#include <QQmlApplicationEngine>
+#include <QQmlContext>
+#include <QQuickWindow>
+#include <QTimer>
+
+#include <fmt/format.h>
+
+#include "cli/Command.hpp"
+#include "ui/DeskConnection.hpp"
+
+namespace tarn::cli {
+namespace {
+
+struct DeskOptions {
+    std::string screenshot;
+    std::string size = "1280x800";
+    double after = 2.0;
+};
+
+int runDesk(const DeskOptions& options) {
+    int width = 0, height = 0;
+    std::smatch m;
+    static const std::regex sizePattern("^([0-9]{3,4})x([0-9]{3,4})$");
+    if (!std::regex_match(options.size, m, sizePattern))
+        throw CommandError(exitUsage, fmt::format("--size: \"{}\" is not WIDTHxHEIGHT (for example 1280x800)", options.size));
+    width = std::stoi(m[1]);
+    height = std::stoi(m[2]);
+    // Without a display the window still renders (for screenshots and tests).
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+
+    static int argc = 1;
+    static char name[] = "tarn";
+    static char* argv[] = {name, nullptr};
+    QGuiApplication app(argc, argv);
+    app.setApplicationName("Tarn");
+    app.setDesktopFileName("tarn-desk");
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        throw CommandError(exitFailure, fmt::format("no session bus to reach the desk on ({})",
+                                                    bus.lastError().message().toStdString()));
+    ui::DeskConnection desk(bus);
+    QQmlApplicationEngine engine;
+    engine.rootContext()->setContextProperty("desk", &desk);
+    desk.start();
+    engine.load(QUrl(QStringLiteral("qrc:/ui/Main.qml")));
+    if (engine.rootObjects().isEmpty()) throw CommandError(exitFailure, "the desk window could not be built");
+    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().front());
+    if (!window) throw CommandError(exitFailure, "the desk window could not be built");
+    window->resize(width, height);
+
+    if (!options.screenshot.empty()) {
+        int code = exitOk;
+        QTimer::singleShot(int(options.after * 1000), &app, [&] {
+            const QImage image = window->grabWindow();
+            if (image.isNull() || !image.save(QString::fromStdString(options.screenshot), "PNG")) {
+                fmt::print(stderr, "tarn desk: cannot write {}\n", options.screenshot);
+                code = exitFailure;
+            } else {
+                fmt::print("{}\n", options.screenshot);
+            }
+            app.quit();
+        });
+        app.exec();
+        return code;
+    }
+    return app.exec();
+}
+
+Command makeDeskCommand(CLI::App& root) {
+    auto options = std::make_shared<DeskOptions>();
+    auto* app = root.add_subcommand("desk", "Open the desk window (closing it leaves every route playing)");
+    app->add_option("--screenshot", options->screenshot, "Render the window, save it as this PNG file and exit")
+        ->type_name("FILE.png");
+    app->add_option("--size", options->size, "Window size for the screenshot (default 1280x800)")->type_name("WxH");
+    app->add_option("--after", options->after, "Seconds of live data before the screenshot (default 2)")
+        ->check(CLI::Range(0.0, 600.0));
+    return {app, [options] { return runDesk(*options); }};
+}
+
+const CommandRegistration registration{"desk", 72, &makeDeskCommand};
+
+} // namespace
+} // namespace tarn::cli

@@ -1,0 +1,93 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// The selected route's equaliser: ten bands from −12 to +12 dB in half-dB steps (double-click
+// resets one), genre and AI Tune.
+Pane {
+    id: editor
+    property var route: null
+    readonly property var bandLabels: ["31", "62", "125", "250", "500", "1k", "2k", "4k", "8k", "16k"]
+
+    ColumnLayout {
+        anchors.fill: parent
+        visible: editor.route !== null
+        spacing: 12
+
+        Label {
+            text: editor.route ? editor.route.displayName + " → " + (editor.route.device !== "" ? editor.route.device : qsTr("Default output")) : ""
+            font.pixelSize: 18
+            font.bold: true
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            Layout.preferredHeight: 320
+            spacing: 10
+            Repeater {
+                model: 10
+                ColumnLayout {
+                    Layout.fillHeight: true
+                    Layout.fillWidth: true
+                    Layout.preferredWidth: 60
+                    Label {
+                        Layout.alignment: Qt.AlignHCenter
+                        text: slider.value > 0 ? "+" + slider.value.toFixed(1) : slider.value.toFixed(1)
+                        font.pixelSize: 11
+                    }
+                    Slider {
+                        id: slider
+                        objectName: "band" + index
+                        Layout.fillHeight: true
+                        Layout.alignment: Qt.AlignHCenter
+                        orientation: Qt.Vertical
+                        from: -12; to: 12; stepSize: 0.5
+                        snapMode: Slider.SnapAlways
+                        value: editor.route ? editor.route.bands[index] : 0
+                        Accessible.name: qsTr("Band %1 Hz, %2 dB").arg(editor.bandLabels[index]).arg(value.toFixed(1))
+                        onMoved: desk.setBand(editor.route.routeId, index, value)
+                        TapHandler {
+                            acceptedButtons: Qt.LeftButton
+                            onDoubleTapped: desk.setBand(editor.route.routeId, index, 0)
+                        }
+                    }
+                    Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
+                }
+            }
+        }
+
+        RowLayout {
+            spacing: 12
+            Label { text: qsTr("Genre") }
+            ComboBox {
+                model: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
+                currentIndex: editor.route ? model.indexOf(editor.route.genre) : 0
+                onActivated: desk.setGenre(editor.route.routeId, currentText)
+                Accessible.name: qsTr("Genre preset")
+            }
+            Label { text: qsTr("AI Tune") }
+            Repeater {
+                model: [["off", qsTr("Off")], ["song", qsTr("Song")], ["taste", qsTr("Taste")]]
+                Button {
+                    text: modelData[1]
+                    checkable: true
+                    checked: editor.route && editor.route.aiTune === modelData[0]
+                    flat: !checked
+                    onClicked: desk.setAITune(editor.route.routeId, modelData[0])
+                }
+            }
+        }
+        Label {
+            visible: desk.lastError !== ""
+            text: desk.lastError
+            color: "#c0392b"
+        }
+        Item { Layout.fillHeight: true }
+    }
+
+    Label {
+        anchors.centerIn: parent
+        visible: editor.route === null
+        text: qsTr("Select a route to shape it.")
+    }
+}
