@@ -112,6 +112,10 @@ void DeskConnection::setMode(const QString& route, const QString& mode) { call("
 void DeskConnection::setDevice(const QString& route, const QString& uid) { call("SetDevice", {route, uid}); }
 void DeskConnection::setGenre(const QString& route, const QString& genre) { call("SetGenre", {route, genre}); }
 void DeskConnection::setAITune(const QString& route, const QString& scope) { call("SetAITune", {route, scope}); }
+void DeskConnection::setEQBypassed(const QString& route, bool bypassed) { call("SetEQBypassed", {route, bypassed}); }
+void DeskConnection::setCorrectionBypassed(const QString& route, bool bypassed) {
+    call("SetCorrectionBypassed", {route, bypassed});
+}
 void DeskConnection::addRoute(const QString& bundleID, const QString& name) {
     call("AddRoute", {bundleID, name, QString(), QStringLiteral("on")});
 }

@@ -50,6 +50,8 @@ public:
     Q_INVOKABLE void setDevice(const QString& route, const QString& deviceUID);
     Q_INVOKABLE void setGenre(const QString& route, const QString& genre);
     Q_INVOKABLE void setAITune(const QString& route, const QString& scope);
+    Q_INVOKABLE void setEQBypassed(const QString& route, bool bypassed);
+    Q_INVOKABLE void setCorrectionBypassed(const QString& route, bool bypassed);
     Q_INVOKABLE void addRoute(const QString& bundleID, const QString& displayName);
     Q_INVOKABLE void removeRoute(const QString& route);
 

@@ -38,6 +38,9 @@ QVariant RouteListModel::data(const QModelIndex& index, int role) const {
     }
     case GenreRole: return r.value("selectedGenre").toString("flat");
     case AITuneRole: return r.value("aiTuneScope").toString("off");
+    case EQBypassedRole: return r.value("customEQBypassed").toBool();
+    case CorrectionBypassedRole: return r.value("correctionBypassed").toBool();
+    case CorrectionRole: return r.value("correctionProfileSnapshot").toObject().value("modelName").toString();
     case InputLevelRole: return row.inputLevel;
     case OutputLevelRole: return row.outputLevel;
     }
@@ -50,7 +53,8 @@ QHash<int, QByteArray> RouteListModel::roleNames() const {
             {DeviceRole, "device"},    {GainRole, "gainDb"},             {TrimRole, "trimDb"},
             {MutedRole, "muted"},      {LiveRole, "live"},               {BandsRole, "bands"},
             {GenreRole, "genre"},      {AITuneRole, "aiTune"},           {InputLevelRole, "inputLevel"},
-            {OutputLevelRole, "outputLevel"}};
+            {OutputLevelRole, "outputLevel"}, {EQBypassedRole, "eqBypassed"},
+            {CorrectionBypassedRole, "correctionBypassed"}, {CorrectionRole, "correction"}};
 }
 
 void RouteListModel::setRoutes(const QJsonArray& routes) {

@@ -37,6 +37,9 @@ public:
         AITuneRole,
         InputLevelRole,
         OutputLevelRole,
+        EQBypassedRole,
+        CorrectionBypassedRole,
+        CorrectionRole,
     };
 
     // Meters show −60 … 0 dBFS.

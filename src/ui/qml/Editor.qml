@@ -77,6 +77,34 @@ Pane {
                 }
             }
         }
+        RowLayout {
+            spacing: 12
+            Switch {
+                text: qsTr("Equaliser")
+                checked: editor.route && !editor.route.eqBypassed
+                onToggled: desk.setEQBypassed(editor.route.routeId, !checked)
+            }
+            Switch {
+                text: qsTr("Headphone correction")
+                enabled: editor.route && editor.route.correction !== ""
+                checked: editor.route && !editor.route.correctionBypassed
+                onToggled: desk.setCorrectionBypassed(editor.route.routeId, !checked)
+            }
+            Label {
+                text: editor.route && editor.route.correction !== "" ? editor.route.correction : qsTr("no headphone correction")
+                color: palette.placeholderText
+            }
+            Item { Layout.fillWidth: true }
+            Label { text: qsTr("Trim") }
+            Slider {
+                id: trim
+                from: -12; to: 6; stepSize: 0.5
+                value: editor.route ? editor.route.trimDb : 0
+                Accessible.name: qsTr("Output trim, %1 dB").arg(value.toFixed(1))
+                onMoved: desk.setTrim(editor.route.routeId, value)
+            }
+            Label { text: (trim.value > 0 ? "+" : "") + trim.value.toFixed(1) + " dB" }
+        }
         Label {
             visible: desk.lastError !== ""
             text: desk.lastError

@@ -55,7 +55,19 @@ ItemDelegate {
                     onClicked: desk.setMode(routeId, modelData[0])
                 }
             }
-            Label { text: device !== "" ? device : qsTr("Default output"); elide: Text.ElideRight; Layout.fillWidth: true; color: palette.placeholderText }
+            ComboBox {
+                id: devicePicker
+                Layout.fillWidth: true
+                implicitHeight: 28
+                Accessible.name: qsTr("Output device")
+                // The default output first, then every device by its description.
+                model: [qsTr("Default output")].concat(desk.devices.map(d => d.name))
+                currentIndex: {
+                    const i = desk.devices.findIndex(d => d.uid === device)
+                    return i >= 0 ? i + 1 : 0
+                }
+                onActivated: index => desk.setDevice(routeId, index === 0 ? "" : desk.devices[index - 1].uid)
+            }
         }
         RowLayout {
             spacing: 8
