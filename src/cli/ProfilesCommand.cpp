@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 
 #include <fmt/format.h>
@@ -38,10 +39,29 @@ void printJSON(const std::vector<const HeadphoneProfile*>& profiles) {
     fmt::print("{}\n", out.dump(2));
 }
 
+// Characters as a terminal shows them; the catalogue's names are Latin script, one column each.
+std::size_t displayWidth(std::string_view text) {
+    std::size_t width = 0;
+    for (char c : text)
+        if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) ++width;
+    return width;
+}
+
+std::string_view measuredBy(const HeadphoneProfile& p) {
+    return p.measurementProvider ? std::string_view(*p.measurementProvider) : std::string_view("-");
+}
+
 void printTable(const std::vector<const HeadphoneProfile*>& profiles) {
+    // Columns as wide as what is shown, so one model from two sources lines up on its name.
+    std::size_t nameWidth = 0, sourceWidth = 0;
+    for (const auto* p : profiles) {
+        nameWidth = std::max(nameWidth, displayWidth(p->modelName));
+        sourceWidth = std::max(sourceWidth, displayWidth(measuredBy(*p)));
+    }
     for (const auto* p : profiles)
-        fmt::print("{} {:<44}  {:<9}  {}\n", p->isFeatured ? '*' : ' ', p->modelName,
-                   p->wearStyle ? toString(*p->wearStyle) : "", p->id);
+        fmt::print("{} {}{:{}}  {:<9}  {:<{}}  {}\n", p->isFeatured ? '*' : ' ', p->modelName, "",
+                   nameWidth - displayWidth(p->modelName), p->wearStyle ? toString(*p->wearStyle) : "", measuredBy(*p),
+                   sourceWidth, p->id);
 }
 
 int runSearch(const ProfilesOptions& options) {
@@ -73,7 +93,13 @@ int runShow(const ProfilesOptions& options) {
     const HeadphoneProfile* p = c.profile(options.id);
     if (!p) {
         std::string hint = "find ids with: tarn profiles search TEXT";
-        if (auto guesses = c.search(options.id, 1); !guesses.empty())
+        // An id names its source and wear style before the model; a mistyped one usually still
+        // holds the model ("rtings.over-ear.sennheiser-hd-600").
+        const std::string_view typed = options.id;
+        auto guesses = c.search(typed, 1);
+        if (const auto dot = typed.rfind('.'); guesses.empty() && dot != std::string_view::npos)
+            guesses = c.search(typed.substr(dot + 1), 1);
+        if (!guesses.empty())
             hint = fmt::format("did you mean {} ({})?", guesses.front()->id, guesses.front()->modelName);
         throw CommandError(exitFailure, fmt::format("no headphone profile has the id \"{}\"; {}", options.id, hint));
     }
@@ -85,8 +111,8 @@ int runShow(const ProfilesOptions& options) {
     fmt::print("  Brand:       {}\n", BundledProfileCatalog::brandOf(p->modelName));
     fmt::print("  Id:          {}\n", p->id);
     if (p->wearStyle) fmt::print("  Wear style:  {}\n", toString(*p->wearStyle));
-    fmt::print("  Source:      {}{}\n", p->sourceProject,
-               p->measurementProvider ? fmt::format(", measured by {}", *p->measurementProvider) : "");
+    fmt::print("  Measured by: {}\n", measuredBy(*p));
+    fmt::print("  Source:      {}\n", p->sourceProject);
     if (p->sourceURL) fmt::print("  URL:         {}\n", *p->sourceURL);
     if (p->isFeatured) fmt::print("  Featured\n");
     fmt::print("  Preamp:      {}\n  {} filter{}:\n{}", formatDb(p->preampDb), p->filters.size(),
@@ -134,15 +160,21 @@ Command makeProfilesCommand(CLI::App& root) {
     app->require_subcommand(1);
     app->footer(
         "The headphone catalogue holds the published parametric equalisation results of the AutoEq\n"
-        "project (https://github.com/jaakkopasanen/AutoEq), from measurements by oratory1990.\n"
-        "They are distributed under the MIT licence; see profiles/LICENSE in Tarn's data folder\n"
-        "(share/tarn, or data/ in the source tree). TARN_DATA_DIR overrides the data folder.");
+        "project (https://github.com/jaakkopasanen/AutoEq), from measurements by oratory1990,\n"
+        "crinacle and Rtings; every profile names the source that measured it, and a model measured\n"
+        "by more than one is listed once per source. They are distributed under the MIT licence;\n"
+        "see profiles/LICENSE in Tarn's data folder (share/tarn, or data/ in the source tree).\n"
+        "TARN_DATA_DIR overrides the data folder.");
     auto options = std::make_shared<ProfilesOptions>();
 
     auto* search = app->add_subcommand(
-        "search", "Search by brand and model as you would type it (\"hd 6\", \"dt770\"); best match first.\n"
-                  "An empty TEXT lists the featured profiles; * marks featured profiles.");
-    search->add_option("TEXT", options->words, "Words to find; each must start a word of the brand or model")->required();
+        "search", "Search by brand, model, source or wear style as you would type it (\"hd 6\", \"dt770\",\n"
+                  "\"crinacle moondrop\", \"sony in-ear\"); best match first. Each line shows the model, its\n"
+                  "wear style, the source that measured it and its id. An empty TEXT lists the featured\n"
+                  "profiles; * marks featured profiles.");
+    search->add_option("TEXT", options->words,
+                       "Words to find; each must start a word of the brand, model, source or wear style")
+        ->required();
     search->add_option("--limit", options->limit, "At most N results (default 20, featured list whole; 0 for all)")
         ->check(CLI::NonNegativeNumber);
     search->add_flag("--json", options->json, "Print the profiles as a JSON array");

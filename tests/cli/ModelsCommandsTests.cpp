@@ -1,5 +1,6 @@
 // The eq, presets and profiles commands, run as a user runs them: the built `tarn` program
 // with its own preferences folder.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -101,10 +102,45 @@ TEST_F(CommandLine, ProfilesPrintTheCatalogueAndSuggestNearNames) {
     expectFailure({"profiles", "search", "hd", "--limit", "-1"}, 2, "--limit");
 
     const auto help = tarn({"profiles", "--help"});
-    for (const char* credit : {"AutoEq", "oratory1990", "MIT", "LICENSE"})
+    for (const char* credit : {"AutoEq", "oratory1990", "crinacle", "Rtings", "MIT", "LICENSE"})
         EXPECT_NE(help.standardOutput.find(credit), std::string::npos) << credit;
     const test::ScopedEnvironment noData("TARN_DATA_DIR", (dir_ / "nowhere").string());
     expectFailure({"profiles", "search", "hd"}, 1, "nowhere");
+}
+
+// One model measured by crinacle and by oratory1990, each spelling it its own way.
+TEST_F(CommandLine, ProfilesShowWhichSourceMeasuredEachProfile) {
+    const std::string crinacleID = "crinacle.over-ear.beyerdynamic-dt-250-80-ohm";
+    const std::string oratoryID = "oratory1990.over-ear.beyerdynamic-dt-250-80-ohm";
+    const auto table = tarn({"profiles", "search", "dt", "250", "80"});
+    ASSERT_EQ(table.exitCode, 0) << table.standardError;
+    const auto crinacleLine = table.standardOutput.find(crinacleID), oratoryLine = table.standardOutput.find(oratoryID);
+    ASSERT_NE(crinacleLine, std::string::npos) << table.standardOutput;
+    ASSERT_NE(oratoryLine, std::string::npos) << table.standardOutput;
+    EXPECT_LT(crinacleLine, oratoryLine);
+    // Each line names its source in its own column, before the id.
+    const auto lineOf = [&](std::size_t at) {
+        const auto start = table.standardOutput.rfind('\n', at) + 1;
+        return table.standardOutput.substr(start, table.standardOutput.find('\n', at) - start);
+    };
+    EXPECT_NE(lineOf(crinacleLine).find("  crinacle  "), std::string::npos) << lineOf(crinacleLine);
+    EXPECT_NE(lineOf(oratoryLine).find("  oratory1990  "), std::string::npos) << lineOf(oratoryLine);
+
+    std::vector<std::string> sources;
+    for (const auto& p : tarnJSON({"profiles", "search", "dt", "250", "80", "--json"})) sources.push_back(p.at("measurementProvider"));
+    EXPECT_EQ(sources, (std::vector<std::string>{"crinacle", "oratory1990"}));
+
+    const auto shown = tarn({"profiles", "show", crinacleID});
+    EXPECT_NE(shown.standardOutput.find("Measured by: crinacle"), std::string::npos) << shown.standardOutput;
+    // An id with the wrong source still leads to the model.
+    expectFailure({"profiles", "show", "rtings.over-ear.beyerdynamic-dt-250-80-ohm"}, 1, crinacleID);
+
+    // Sony is measured by all three sources and is still one brand of 81 models.
+    const auto brands = tarn({"profiles", "brands"}).standardOutput;
+    const auto sony = brands.find("\nSony ");
+    ASSERT_NE(sony, std::string::npos) << brands;
+    EXPECT_EQ(brands.find("\nSony ", sony + 1), std::string::npos);
+    EXPECT_EQ(brands.substr(sony + 1, brands.find('\n', sony + 1) - sony - 1), fmt::format("{:<24} {:>3}", "Sony", 81));
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "core/profiles/BundledProfileCatalog.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -20,13 +19,16 @@ namespace fs = std::filesystem;
 namespace {
 
 // Makers whose name is more than one word; any other maker is the first word of the model name.
-constexpr std::array<std::string_view, 30> kMultiWordMakers = {
-    "64 Audio",        "Allen & Heath",    "Audio Zenith",     "Austrian Audio",  "Bang & Olufsen",
-    "Base Audio",      "Bowers & Wilkins", "Campfire Audio",   "Cooler Master",   "Cosmic Ears",
-    "Dan Clark Audio", "Final Audio",      "Gold Planar",      "Kaldas Research", "Light Harmonic",
-    "LZ Hi-Fi Audio",  "Mark Levinson",    "Master & Dynamic", "MEE Audio",       "NS Audio",
-    "Noble Audio",     "Periodic Audio",   "Rosson Audio Design", "Sivga Audio",  "Spiral Ear",
-    "Status Audio",    "Tin HiFi",         "Ultimate Ears",    "Vision Ears",     "Warwick Acoustics",
+// Every measurement source spells its makers this way, so one list serves them all.
+constexpr std::string_view kMultiWordMakers[] = {
+    "64 Audio",          "Acoustic Research", "Allen & Heath",    "ASTRO Gaming",     "Audio Zenith",
+    "Austrian Audio",    "Bang & Olufsen",    "Base Audio",       "Bowers & Wilkins", "Campfire Audio",
+    "Cooler Master",     "Cosmic Ears",       "Dan Clark Audio",  "ES Lab",           "Final Audio",
+    "Fischer Audio",     "Gold Planar",       "Harman Kardon",    "Kaldas Research",  "Light Harmonic",
+    "Little Dot",        "LZ Hi-Fi Audio",    "Mark Levinson",    "Master & Dynamic", "MEE Audio",
+    "NS Audio",          "Noble Audio",       "Periodic Audio",   "Rosson Audio Design", "Sivga Audio",
+    "Spiral Ear",        "Spirit Torino",     "Status Audio",     "Tin HiFi",         "Ultimate Ears",
+    "Vision Ears",       "Warwick Acoustics",
 };
 
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
@@ -84,6 +86,34 @@ struct QueryWord {
     std::string compact;
 };
 
+// The words a profile offers to a search in one of its fields.
+struct SearchWords {
+    std::vector<std::string> tokens;       // letter and digit runs, in order
+    std::vector<std::string> compactWords; // each space-separated word without punctuation
+
+    static SearchWords of(std::string_view folded) {
+        SearchWords out;
+        out.tokens = SearchText::tokens(folded);
+        for (const auto& word : splitWhitespace(folded)) out.compactWords.push_back(joined(SearchText::tokens(word)));
+        return out;
+    }
+
+    // The typed word starts one of these words, either as typed without punctuation ("dt770"
+    // starts "dt770") or as a run of whole words ending in a prefix ("dt-77" in "dt 770").
+    bool matches(const QueryWord& word) const {
+        for (const auto& w : compactWords)
+            if (startsWith(w, word.compact)) return true;
+        const auto& q = word.tokens;
+        if (q.size() > tokens.size()) return false;
+        for (std::size_t start = 0; start + q.size() <= tokens.size(); ++start) {
+            bool ok = true;
+            for (std::size_t k = 0; k + 1 < q.size() && ok; ++k) ok = tokens[start + k] == q[k];
+            if (ok && startsWith(tokens[start + q.size() - 1], q.back())) return true;
+        }
+        return false;
+    }
+};
+
 std::optional<fs::path> executableInstallPrefix() {
     std::error_code ec;
     const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
@@ -96,11 +126,11 @@ std::optional<fs::path> executableInstallPrefix() {
 struct BundledProfileCatalog::Index {
     struct Entry {
         std::string brand;
-        std::string brandKey;                  // folded, for brand lookups
-        std::vector<std::string> tokens;       // words of brand and model
-        std::vector<std::string> compactWords; // each space-separated word without punctuation
-        std::string fullJoined;                // all tokens joined
-        std::string modelJoined;               // the model's tokens joined
+        std::string brandKey;    // folded, for brand lookups
+        SearchWords name;        // brand and model
+        SearchWords details;     // who measured it and how it is worn
+        std::string fullJoined;  // all of the name's tokens joined
+        std::string modelJoined; // the model's tokens joined
         std::size_t naturalRank = 0;
     };
 
@@ -113,19 +143,6 @@ struct BundledProfileCatalog::Index {
     std::vector<std::string> brands;
 
     static std::unique_ptr<const Index> load(const fs::path& file);
-
-    bool matches(const Entry& e, const QueryWord& word) const {
-        for (const auto& w : e.compactWords)
-            if (startsWith(w, word.compact)) return true;
-        const auto& q = word.tokens;
-        if (q.size() > e.tokens.size()) return false;
-        for (std::size_t start = 0; start + q.size() <= e.tokens.size(); ++start) {
-            bool ok = true;
-            for (std::size_t k = 0; k + 1 < q.size() && ok; ++k) ok = e.tokens[start + k] == q[k];
-            if (ok && startsWith(e.tokens[start + q.size() - 1], q.back())) return true;
-        }
-        return false;
-    }
 };
 
 std::unique_ptr<const BundledProfileCatalog::Index> BundledProfileCatalog::Index::load(const fs::path& file) {
@@ -155,7 +172,8 @@ std::unique_ptr<const BundledProfileCatalog::Index> BundledProfileCatalog::Index
     }
     if (index->profiles.empty()) throw LoadError(fmt::format("the headphone catalogue {} holds no profiles", file.string()));
 
-    std::unordered_map<std::string, std::string> brandByKey;
+    // How often each spelling of a brand is used, by folded brand.
+    std::unordered_map<std::string, std::unordered_map<std::string, std::size_t>> spellingsByKey;
     for (std::size_t i = 0; i < index->profiles.size(); ++i) {
         const auto& p = index->profiles[i];
         if (!index->byID.emplace(p.id, i).second)
@@ -163,12 +181,13 @@ std::unique_ptr<const BundledProfileCatalog::Index> BundledProfileCatalog::Index
         Entry e;
         e.brand = std::string(brandOf(p.modelName));
         e.brandKey = SearchText::fold(e.brand);
-        const std::string folded = SearchText::fold(p.modelName);
-        e.tokens = SearchText::tokens(folded);
-        for (const auto& word : splitWhitespace(folded)) e.compactWords.push_back(joined(SearchText::tokens(word)));
-        e.fullJoined = joined(e.tokens);
+        e.name = SearchWords::of(SearchText::fold(p.modelName));
+        std::string details = p.measurementProvider ? SearchText::fold(*p.measurementProvider) : std::string();
+        if (p.wearStyle) details.append(" ").append(toString(*p.wearStyle));
+        e.details = SearchWords::of(details);
+        e.fullJoined = joined(e.name.tokens);
         e.modelJoined = SearchText::compact(modelOf(p.modelName));
-        brandByKey.try_emplace(e.brandKey, e.brand);
+        ++spellingsByKey[e.brandKey][e.brand];
         index->entries.push_back(std::move(e));
     }
 
@@ -176,13 +195,27 @@ std::unique_ptr<const BundledProfileCatalog::Index> BundledProfileCatalog::Index
     order.resize(index->profiles.size());
     for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-        if (int c = compareNatural(index->entries[a].tokens, index->entries[b].tokens)) return c < 0;
-        if (int c = index->profiles[a].modelName.compare(index->profiles[b].modelName)) return c < 0;
-        return index->profiles[a].id < index->profiles[b].id;
+        const auto& pa = index->profiles[a];
+        const auto& pb = index->profiles[b];
+        if (int c = compareNatural(index->entries[a].name.tokens, index->entries[b].name.tokens)) return c < 0;
+        // One model measured by several sources: the featured measurement leads, the others
+        // follow by source, so the order never depends on where the file happens to list them.
+        if (pa.isFeatured != pb.isFeatured) return pa.isFeatured;
+        if (pa.measurementProvider != pb.measurementProvider) return pa.measurementProvider < pb.measurementProvider;
+        if (int c = pa.modelName.compare(pb.modelName)) return c < 0;
+        return pa.id < pb.id;
     });
     for (std::size_t rank = 0; rank < order.size(); ++rank) index->entries[order[rank]].naturalRank = rank;
 
-    std::vector<std::pair<std::string, std::string>> brands(brandByKey.begin(), brandByKey.end());
+    // A brand is listed once however many sources measured it, under the spelling most of its
+    // profiles use (the first in byte order on a tie), whatever order the file lists them in.
+    std::vector<std::pair<std::string, std::string>> brands;
+    for (const auto& [key, spellings] : spellingsByKey) {
+        const auto chosen = std::min_element(spellings.begin(), spellings.end(), [](const auto& a, const auto& b) {
+            return a.second != b.second ? a.second > b.second : a.first < b.first;
+        });
+        brands.emplace_back(key, chosen->first);
+    }
     std::sort(brands.begin(), brands.end());
     for (auto& [key, brand] : brands) index->brands.push_back(std::move(brand));
     return index;
@@ -275,7 +308,9 @@ std::vector<const HeadphoneProfile*> BundledProfileCatalog::search(std::string_v
     }
 
     struct Hit {
-        int rank; // 0 exact, 1 the name begins with the text, 2 every word found elsewhere
+        // 0 exact, 1 the name begins with the text, 2 every word found elsewhere in the name,
+        // 3 some word found only in the source or wear style ("crinacle", "in-ear")
+        int rank;
         bool featured;
         std::size_t naturalRank;
         std::size_t index;
@@ -283,18 +318,25 @@ std::vector<const HeadphoneProfile*> BundledProfileCatalog::search(std::string_v
     std::vector<Hit> hits;
     for (std::size_t i = 0; i < idx.entries.size(); ++i) {
         const auto& e = idx.entries[i];
-        bool all = true;
-        for (const auto& w : words)
-            if (!idx.matches(e, w)) {
+        bool all = true, allInName = true;
+        for (const auto& w : words) {
+            if (e.name.matches(w)) continue;
+            if (!e.details.matches(w)) {
                 all = false;
                 break;
             }
+            allInName = false;
+        }
         if (!all) continue;
-        int rank = 2;
-        if (queryJoined == e.modelJoined || queryJoined == e.fullJoined)
-            rank = 0;
-        else if (startsWith(e.modelJoined, queryJoined) || startsWith(e.fullJoined, queryJoined))
-            rank = 1;
+        int rank = 3;
+        if (allInName) {
+            if (queryJoined == e.modelJoined || queryJoined == e.fullJoined)
+                rank = 0;
+            else if (startsWith(e.modelJoined, queryJoined) || startsWith(e.fullJoined, queryJoined))
+                rank = 1;
+            else
+                rank = 2;
+        }
         hits.push_back({rank, idx.profiles[i].isFeatured, e.naturalRank, i});
     }
     const auto better = [](const Hit& a, const Hit& b) {

@@ -20,10 +20,15 @@ namespace tarn {
 // catalog.json, installed to share/tarn/profiles). It is read on first use, once, and never
 // changes afterwards, so the profiles it hands out stay valid for the catalogue's lifetime.
 //
+// The profiles come from several measurement sources (measurementProvider), and one model may
+// be there once per source: each is its own profile with its own id, and lists show them side
+// by side, the featured one first.
+//
 // Brands are the maker words in front of the model ("Dan Clark Audio" in "Dan Clark Audio
-// Ether 2"). Search works the way people type: case and accents are ignored, letters and
-// digits split words ("dt770" is "dt 770"), and every typed word must match the start of a
-// word of the brand or model.
+// Ether 2"), one brand whichever sources measured it. Search works the way people type: case
+// and accents are ignored, letters and digits split words ("dt770" is "dt 770"), and every
+// typed word must match the start of a word of the brand, the model, the measurement source
+// or the wear style ("crinacle", "in-ear").
 class BundledProfileCatalog {
 public:
     // The catalogue cannot be found or does not hold valid profiles. The message says where it
@@ -59,12 +64,15 @@ public:
     const HeadphoneProfile* profile(std::string_view id) const; // nullptr when unknown
 
     std::vector<std::string> brands() const; // alphabetical, ignoring case and accents
+    // In alphabetical order with numbers compared by value; one model from several sources is
+    // listed once per source, the featured first, then by source.
     std::vector<const HeadphoneProfile*> models(std::string_view brand) const;
     std::vector<const HeadphoneProfile*> featured() const;
 
-    // Best match first: exact names, then names that begin with the text, then the rest;
-    // featured profiles first among equals, then alphabetical order with numbers compared by
-    // value. An empty text (or one without letters or digits) gives the featured profiles.
+    // Best match first: exact names, then names that begin with the text, then names that hold
+    // every word, then profiles that needed their source or wear style to match; featured
+    // profiles first among equals, then the order models() uses. An empty text (or one without
+    // letters or digits) gives the featured profiles.
     std::vector<const HeadphoneProfile*> search(std::string_view text, std::size_t limit = unlimited) const;
 
     // The maker part of a model name, and the rest.
