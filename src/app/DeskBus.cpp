@@ -458,6 +458,24 @@ QString DeskBus::AITuneReasons(const QString& route) {
     return text(list);
 }
 
+QString DeskBus::AITuneState(const QString& route) {
+    auto id = routeOrFail(route);
+    if (!id) return {};
+    RouteStore* store = service_.store();
+    const AppRoute* r = store->route(*id);
+    const ProminenceSnapshot snap = store->aiTune().snapshot(*id);
+    nlohmann::json reasons = nlohmann::json::array();
+    for (const auto& band : store->aiTuneReasons(*id)) reasons.push_back(band);
+    nlohmann::json locked = nlohmann::json::array();
+    for (bool b : r->aiLockedBands) locked.push_back(b);
+    return text({{"prominenceDb", snap.prominenceDb},
+                 {"isConfident", snap.isConfident},
+                 {"analyzedSeconds", snap.analyzedSeconds},
+                 {"tweaksDb", r->aiTuneTweaksDb},
+                 {"lockedBands", locked},
+                 {"reasons", reasons}});
+}
+
 void DeskBus::transport(const QString& route, Transport what) {
     auto id = routeOrFail(route);
     if (!id) return;

@@ -105,6 +105,9 @@ public slots:
     void Next(const QString& route);
     void Previous(const QString& route);
     QString AITuneReasons(const QString& route);
+    // What AI Tune hears and proposes on a route, as JSON: prominenceDb, isConfident,
+    // analyzedSeconds, tweaksDb, lockedBands, reasons (ten lists).
+    QString AITuneState(const QString& route);
     QString SaveLayout(const QString& name, const QString& deviceUID);
     // A layout's id or name.
     void ApplyLayout(const QString& layout);

@@ -16,6 +16,8 @@
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
+#include "core/profiles/BundledProfileCatalog.hpp"
+#include "ui/CatalogueSearchModel.hpp"
 #include "ui/DeskConnection.hpp"
 
 namespace tarn::cli {
@@ -51,8 +53,10 @@ int runDesk(const DeskOptions& options) {
         throw CommandError(exitFailure, fmt::format("no session bus to reach the desk on ({})",
                                                     bus.lastError().message().toStdString()));
     ui::DeskConnection desk(bus);
+    ui::CatalogueSearchModel catalogue(BundledProfileCatalog::shared());
     QQmlApplicationEngine engine;
     engine.rootContext()->setContextProperty("desk", &desk);
+    engine.rootContext()->setContextProperty("catalogue", &catalogue);
     desk.start();
     engine.load(QUrl(QStringLiteral("qrc:/ui/Main.qml")));
     if (engine.rootObjects().isEmpty()) throw CommandError(exitFailure, "the desk window could not be built");

@@ -6,6 +6,7 @@
 #include <QDBusVariant>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 #include "app/DeskBus.hpp"
 
@@ -112,10 +113,24 @@ void DeskConnection::setMode(const QString& route, const QString& mode) { call("
 void DeskConnection::setDevice(const QString& route, const QString& uid) { call("SetDevice", {route, uid}); }
 void DeskConnection::setGenre(const QString& route, const QString& genre) { call("SetGenre", {route, genre}); }
 void DeskConnection::setAITune(const QString& route, const QString& scope) { call("SetAITune", {route, scope}); }
+void DeskConnection::setProfile(const QString& route, const QString& id) { call("SetProfile", {route, id}); }
 void DeskConnection::setEQBypassed(const QString& route, bool bypassed) { call("SetEQBypassed", {route, bypassed}); }
 void DeskConnection::setCorrectionBypassed(const QString& route, bool bypassed) {
     call("SetCorrectionBypassed", {route, bypassed});
 }
+QVariantMap DeskConnection::aiTuneState(const QString& route) {
+    auto message = QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName,
+                                                  "AITuneState");
+    message << route;
+    const QDBusMessage reply = bus_.call(message, QDBus::Block, callTimeoutMs);
+    if (reply.type() != QDBusMessage::ReplyMessage) return {};
+    return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).object().toVariantMap();
+}
+
+void DeskConnection::setBandAILocked(const QString& route, int band, bool locked) {
+    call("SetBandAILocked", {route, band, locked});
+}
+
 void DeskConnection::addRoute(const QString& bundleID, const QString& name) {
     call("AddRoute", {bundleID, name, QString(), QStringLiteral("on")});
 }

@@ -50,8 +50,13 @@ public:
     Q_INVOKABLE void setDevice(const QString& route, const QString& deviceUID);
     Q_INVOKABLE void setGenre(const QString& route, const QString& genre);
     Q_INVOKABLE void setAITune(const QString& route, const QString& scope);
+    // A catalogue id, or "" for no correction.
+    Q_INVOKABLE void setProfile(const QString& route, const QString& profileID);
     Q_INVOKABLE void setEQBypassed(const QString& route, bool bypassed);
     Q_INVOKABLE void setCorrectionBypassed(const QString& route, bool bypassed);
+    // What AI Tune hears and proposes on a route (asked when the editor shows it).
+    Q_INVOKABLE QVariantMap aiTuneState(const QString& route);
+    Q_INVOKABLE void setBandAILocked(const QString& route, int band, bool locked);
     Q_INVOKABLE void addRoute(const QString& bundleID, const QString& displayName);
     Q_INVOKABLE void removeRoute(const QString& route);
 

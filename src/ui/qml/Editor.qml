@@ -22,7 +22,7 @@ Pane {
 
         RowLayout {
             Layout.fillWidth: true
-            Layout.preferredHeight: 320
+            Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
             spacing: 10
             Repeater {
                 model: 10
@@ -104,6 +104,15 @@ Pane {
                 onMoved: desk.setTrim(editor.route.routeId, value)
             }
             Label { text: (trim.value > 0 ? "+" : "") + trim.value.toFixed(1) + " dB" }
+        }
+        CorrectionPicker {
+            Layout.fillWidth: true
+            route: editor.route
+        }
+        AITunePanel {
+            Layout.fillWidth: true
+            visible: editor.route !== null && editor.route.aiTune !== "off"
+            route: visible ? editor.route : null
         }
         Label {
             visible: desk.lastError !== ""
