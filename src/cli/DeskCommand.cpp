@@ -8,17 +8,13 @@
 #include <QDBusError>
 #include <QGuiApplication>
 #include <QImage>
-#include <QQmlApplicationEngine>
-#include <QQmlContext>
 #include <QQuickWindow>
 #include <QTimer>
 
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
-#include "core/profiles/BundledProfileCatalog.hpp"
-#include "ui/CatalogueSearchModel.hpp"
-#include "ui/DeskConnection.hpp"
+#include "ui/DeskWindow.hpp"
 
 namespace tarn::cli {
 namespace {
@@ -52,16 +48,9 @@ int runDesk(const DeskOptions& options) {
     if (!bus.isConnected())
         throw CommandError(exitFailure, fmt::format("no session bus to reach the desk on ({})",
                                                     bus.lastError().message().toStdString()));
-    ui::DeskConnection desk(bus);
-    ui::CatalogueSearchModel catalogue(BundledProfileCatalog::shared());
-    QQmlApplicationEngine engine;
-    engine.rootContext()->setContextProperty("desk", &desk);
-    engine.rootContext()->setContextProperty("catalogue", &catalogue);
-    desk.start();
-    engine.load(QUrl(QStringLiteral("qrc:/ui/Main.qml")));
-    if (engine.rootObjects().isEmpty()) throw CommandError(exitFailure, "the desk window could not be built");
-    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().front());
-    if (!window) throw CommandError(exitFailure, "the desk window could not be built");
+    ui::DeskWindow desk(bus);
+    if (auto problem = desk.load()) throw CommandError(exitFailure, problem->toStdString());
+    QQuickWindow* window = desk.window();
     window->resize(width, height);
 
     if (!options.screenshot.empty()) {

@@ -25,12 +25,6 @@ using namespace std::chrono_literals;
 
 constexpr double toneIn = 0.25;
 
-double levelDb(const SoundData& data, double frequencyHz) {
-    const std::size_t first = std::min<std::size_t>(data.frameCount(), 9600);
-    const std::size_t count = data.frameCount() - first;
-    return count < 4800 ? -200.0 : toDb(toneAmplitude(data, 0, frequencyHz, first, count));
-}
-
 // A route whose bands only cut is held to 0 dB overall by its safety ceiling.
 double cutDb(double bandHz, double bandDb, double toneHz) {
     return toDb(toneIn) + peakingResponseDb(bandHz, bandDb, TenBandLayout::defaultQ, toneHz, 48000.0);
@@ -113,16 +107,16 @@ TEST_F(DeskDaemon, TheBusStartsTheDeskAndTwoRoutesPlayOnTheirDevicesWithAnEditRe
 
     auto speakers = recordSink("test-speakers", 2, 1.5);
     auto headphones = recordSink("test-headphones", 2, 1.5);
-    EXPECT_NEAR(levelDb(speakers, 1000), cutDb(1000, -12, 1000), 0.5);
-    EXPECT_NEAR(levelDb(headphones, 2000), toDb(toneIn), 0.5);
-    EXPECT_LT(levelDb(speakers, 2000), -60.0);
+    EXPECT_NEAR(toneLevelDb(speakers, 1000), cutDb(1000, -12, 1000), 0.5);
+    EXPECT_NEAR(toneLevelDb(headphones, 2000), toDb(toneIn), 0.5);
+    EXPECT_LT(toneLevelDb(speakers, 2000), -60.0);
 
     ASSERT_EQ(route({"band", "org.tarn.ToneTwo", "6", "-9"}).exitCode, 0);
     std::this_thread::sleep_for(800ms);
     headphones = recordSink("test-headphones", 2, 1.5);
     speakers = recordSink("test-speakers", 2, 1.5);
-    EXPECT_NEAR(levelDb(headphones, 2000), cutDb(2000, -9, 2000), 0.5);
-    EXPECT_NEAR(levelDb(speakers, 1000), cutDb(1000, -12, 1000), 0.5) << "the edit reached the other route";
+    EXPECT_NEAR(toneLevelDb(headphones, 2000), cutDb(2000, -9, 2000), 0.5);
+    EXPECT_NEAR(toneLevelDb(speakers, 1000), cutDb(1000, -12, 1000), 0.5) << "the edit reached the other route";
 
     auto shaped = route({"shape", a, "5=+4"});
     EXPECT_EQ(shaped.exitCode, 0);
@@ -153,7 +147,7 @@ TEST_F(DeskDaemon, RoutesComeBackAsSavedAfterARestartAndAKilledDeskGivesTheAppli
     daemon->signal(SIGTERM);
     ASSERT_TRUE(daemon->waitFor(10s).has_value());
     std::this_thread::sleep_for(300ms);
-    EXPECT_NEAR(levelDb(recordSink("test-speakers", 2, 1.0), 1000), toDb(toneIn), 0.5);
+    EXPECT_NEAR(toneLevelDb(recordSink("test-speakers", 2, 1.0), 1000), toDb(toneIn), 0.5);
 
     startDaemon();
     ASSERT_TRUE(eventually([&] { return isLive(a); }, 5s)) << "an `on` route did not come back";
@@ -161,14 +155,14 @@ TEST_F(DeskDaemon, RoutesComeBackAsSavedAfterARestartAndAKilledDeskGivesTheAppli
     EXPECT_EQ(routeState(a)["customEQBands"][5]["gainDb"], -6.0);
     EXPECT_EQ(routeState(b)["selectedGenre"], "rock");
     std::this_thread::sleep_for(800ms);
-    EXPECT_NEAR(levelDb(recordSink("test-headphones", 2, 1.5), 1000), cutDb(1000, -6, 1000), 0.5);
+    EXPECT_NEAR(toneLevelDb(recordSink("test-headphones", 2, 1.5), 1000), cutDb(1000, -6, 1000), 0.5);
 
     // Killed outright: nothing it made outlives it, so the application plays on its own again.
     daemon->signal(SIGKILL);
     ASSERT_TRUE(daemon->waitFor(5s).has_value());
     std::this_thread::sleep_for(1500ms);
-    EXPECT_NEAR(levelDb(recordSink("test-speakers", 2, 1.0), 1000), toDb(toneIn), 0.5);
-    EXPECT_LT(levelDb(recordSink("test-headphones", 2, 1.0), 1000), -60.0);
+    EXPECT_NEAR(toneLevelDb(recordSink("test-speakers", 2, 1.0), 1000), toDb(toneIn), 0.5);
+    EXPECT_LT(toneLevelDb(recordSink("test-headphones", 2, 1.0), 1000), -60.0);
 }
 
 TEST_F(DeskDaemon, LiveRoutesRecoverWhenTheSoundServerRestarts) {
@@ -187,8 +181,8 @@ TEST_F(DeskDaemon, LiveRoutesRecoverWhenTheSoundServerRestarts) {
     EXPECT_LT(std::chrono::steady_clock::now() - back, 5s);
     ASSERT_TRUE(daemon->isRunning());
     std::this_thread::sleep_for(800ms);
-    EXPECT_NEAR(levelDb(recordSink("test-headphones", 2, 1.5), 1000), cutDb(1000, -6, 1000), 0.5);
-    EXPECT_LT(levelDb(recordSink("test-speakers", 2, 1.0), 1000), -60.0);
+    EXPECT_NEAR(toneLevelDb(recordSink("test-headphones", 2, 1.5), 1000), cutDb(1000, -6, 1000), 0.5);
+    EXPECT_LT(toneLevelDb(recordSink("test-speakers", 2, 1.0), 1000), -60.0);
 }
 
 TEST_F(DeskDaemon, BadArgumentsGetTheirErrorsAndTheDeskGoesOn) {

@@ -11,8 +11,6 @@
 #include <QDBusConnection>
 #include <QGuiApplication>
 #include <QKeyEvent>
-#include <QQmlApplicationEngine>
-#include <QQmlContext>
 #include <QQuickItem>
 #include <QQuickWindow>
 
@@ -20,14 +18,12 @@
 
 #include "SoundSession.hpp"
 #include "core/dsp/TenBandLayout.hpp"
-#include "core/profiles/BundledProfileCatalog.hpp"
 #include "support/ProcessRunner.hpp"
 #include "support/ScopedEnvironment.hpp"
 #include "support/Signals.hpp"
 #include "support/SoundFiles.hpp"
 #include "support/TemporaryDirectory.hpp"
-#include "ui/CatalogueSearchModel.hpp"
-#include "ui/DeskConnection.hpp"
+#include "ui/DeskWindow.hpp"
 
 namespace tarn::test {
 namespace {
@@ -35,12 +31,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr double toneIn = 0.25;
-
-double levelDb(const SoundData& data, double frequencyHz) {
-    const std::size_t first = std::min<std::size_t>(data.frameCount(), 9600);
-    const std::size_t count = data.frameCount() - first;
-    return count < 4800 ? -200.0 : toDb(toneAmplitude(data, 0, frequencyHz, first, count));
-}
 
 // The item of that objectName in the window's visual tree (Repeater delegates are not QObject
 // children of the window, only visual ones).
@@ -90,16 +80,10 @@ TEST(DeskWindow, ABandChangedThroughTheWindowIsHeardAtThatRoutesDeviceOnly) {
     static char name[] = "tarn";
     static char* argv[] = {name, nullptr};
     QGuiApplication app(argc, argv);
-    ui::DeskConnection desk(QDBusConnection::sessionBus());
-    ui::CatalogueSearchModel catalogue(BundledProfileCatalog::shared());
-    QQmlApplicationEngine engine;
-    engine.rootContext()->setContextProperty("desk", &desk);
-    engine.rootContext()->setContextProperty("catalogue", &catalogue);
-    desk.start();
-    engine.load(QUrl(QStringLiteral("qrc:/ui/Main.qml")));
-    ASSERT_FALSE(engine.rootObjects().isEmpty());
-    auto* window = qobject_cast<QQuickWindow*>(engine.rootObjects().front());
-    ASSERT_NE(window, nullptr);
+    ui::DeskWindow deskWindow(QDBusConnection::sessionBus());
+    ASSERT_FALSE(deskWindow.load().has_value());
+    ui::DeskConnection& desk = deskWindow.desk();
+    QQuickWindow* window = deskWindow.window();
     ASSERT_TRUE(pump([&] { return desk.routes()->rowCount() == 2; }, 5s));
 
     desk.selectRoute(QString::fromStdString(b));
@@ -128,16 +112,15 @@ TEST(DeskWindow, ABandChangedThroughTheWindowIsHeardAtThatRoutesDeviceOnly) {
 
     auto headphones = recordSink("test-headphones", 2, 1.5);
     auto speakers = recordSink("test-speakers", 2, 1.5);
-    EXPECT_NEAR(levelDb(headphones, 2000),
+    EXPECT_NEAR(toneLevelDb(headphones, 2000),
                 toDb(toneIn) + peakingResponseDb(2000, -9, TenBandLayout::defaultQ, 2000, 48000), 0.5);
-    EXPECT_NEAR(levelDb(speakers, 1000), toDb(toneIn), 0.5) << "the other route changed";
+    EXPECT_NEAR(toneLevelDb(speakers, 1000), toDb(toneIn), 0.5) << "the other route changed";
 
     pump(nullptr, 300ms);
     const auto artefacts = std::filesystem::path(TARN_BINARY_DIR) / "test-artefacts";
     std::filesystem::create_directories(artefacts);
     EXPECT_TRUE(window->grabWindow().save(QString::fromStdString((artefacts / "desk-window.png").string())));
 
-    engine.clearComponentCache();
     daemon.signal(SIGTERM);
     daemon.waitFor(10s);
 }

@@ -27,13 +27,6 @@ using namespace std::chrono_literals;
 
 constexpr double toneAmplitudeIn = 0.25;
 
-// A tone's level on one channel of a recording, after the recorder's own start.
-double levelDb(const SoundData& data, double frequencyHz) {
-    const std::size_t first = std::min<std::size_t>(data.frameCount(), 9600);
-    const std::size_t count = data.frameCount() - first;
-    return count < 4800 ? -200.0 : toDb(toneAmplitude(data, 0, frequencyHz, first, count));
-}
-
 double peak(const SoundData& data) {
     double out = 0;
     for (std::size_t i = std::min<std::size_t>(data.frameCount(), 9600); i < data.frameCount(); ++i)
@@ -138,18 +131,18 @@ TEST_F(StoreSession, TwoApplicationsPlayOnTheirOwnDevicesThroughTheirOwnChainsAn
 
     auto speakers = recordSink("test-speakers", 2, 1.5);
     auto headphones = recordSink("test-headphones", 2, 1.5);
-    EXPECT_NEAR(levelDb(speakers, 1000), expectedCutDb(1000, -12, 1000), 0.5);
-    EXPECT_NEAR(levelDb(headphones, 2000), toDb(toneAmplitudeIn), 0.5);
-    EXPECT_LT(levelDb(speakers, 2000), -60.0) << "tone two reached the speakers";
-    EXPECT_LT(levelDb(headphones, 1000), -60.0) << "tone one reached the headphones";
+    EXPECT_NEAR(toneLevelDb(speakers, 1000), expectedCutDb(1000, -12, 1000), 0.5);
+    EXPECT_NEAR(toneLevelDb(headphones, 2000), toDb(toneAmplitudeIn), 0.5);
+    EXPECT_LT(toneLevelDb(speakers, 2000), -60.0) << "tone two reached the speakers";
+    EXPECT_LT(toneLevelDb(headphones, 1000), -60.0) << "tone one reached the headphones";
 
     // Band 6 (2 kHz) of the headphones' route, glided while both play.
     onLoop([&] { store->requestBandGain(6, -9.0, b, true); });
     std::this_thread::sleep_for(700ms);
     speakers = recordSink("test-speakers", 2, 1.5);
     headphones = recordSink("test-headphones", 2, 1.5);
-    EXPECT_NEAR(levelDb(headphones, 2000), expectedCutDb(2000, -9, 2000), 0.5);
-    EXPECT_NEAR(levelDb(speakers, 1000), expectedCutDb(1000, -12, 1000), 0.5) << "the edit reached the other route";
+    EXPECT_NEAR(toneLevelDb(headphones, 2000), expectedCutDb(2000, -9, 2000), 0.5);
+    EXPECT_NEAR(toneLevelDb(speakers, 1000), expectedCutDb(1000, -12, 1000), 0.5) << "the edit reached the other route";
 }
 
 TEST_F(StoreSession, AnApplicationThatReopensItsStreamAtAnotherRateStaysOnItsRouteAndNeverOnTheSpeakers) {
@@ -171,7 +164,7 @@ TEST_F(StoreSession, AnApplicationThatReopensItsStreamAtAnotherRateStaysOnItsRou
     EXPECT_NE(health(id), RouteHealth::lost);
     std::this_thread::sleep_for(300ms);
     auto headphones = recordSink("test-headphones", 2, 1.5);
-    EXPECT_NEAR(levelDb(headphones, 1000), toDb(toneAmplitudeIn), 0.5);
+    EXPECT_NEAR(toneLevelDb(headphones, 1000), toDb(toneAmplitudeIn), 0.5);
 
     // The application's exit is what ends the route.
     player->signal(SIGTERM);

@@ -1,6 +1,8 @@
 #include "SoundSession.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -129,6 +131,15 @@ SoundData recordSink(const std::string& sinkUID, int channelCount, double second
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
     return data;
+}
+
+double toneLevelDb(const SoundData& data, double frequencyHz, int channel) {
+    // The recorder's first 200 ms hold its own start.
+    const std::size_t first = std::min<std::size_t>(data.frameCount(), 9600);
+    const std::size_t count = data.frameCount() - first;
+    if (count < 4800) return -200.0;
+    const double amplitude = toneAmplitude(data, channel, frequencyHz, first, count);
+    return amplitude > 0 ? 20.0 * std::log10(amplitude) : -200.0;
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

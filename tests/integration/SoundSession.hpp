@@ -58,6 +58,10 @@ private:
 // Records what reaches a sink (from its monitor) for `seconds` into float samples.
 SoundData recordSink(const std::string& sinkUID, int channelCount, double seconds);
 
+// The level in dBFS of a tone in one channel of a recording, after the recorder's own start;
+// −200 when the recording is too short to tell.
+double toneLevelDb(const SoundData& data, double frequencyHz, int channel = 0);
+
 // Polls `condition` every 20 ms until it holds or the timeout passes.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 
