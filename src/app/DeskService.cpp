@@ -14,6 +14,9 @@ DeskService::DeskService(MainQueue& queue, PlatformFactory makePlatform, Connect
       preferences_(std::move(preferences)), songMemory_(songMemory), checkTimer_(queue), retryTimer_(queue) {}
 
 DeskService::~DeskService() {
+    // Whoever listened may already be gone; what stopping does now is nobody's news.
+    changeListeners_.clear();
+    connectionListeners_.clear();
     checkTimer_.cancel();
     retryTimer_.cancel();
     store_.reset(); // saves, stops every route
