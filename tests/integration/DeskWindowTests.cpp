@@ -100,6 +100,7 @@ TEST(DeskWindow, ABandChangedThroughTheWindowIsHeardAtThatRoutesDeviceOnly) {
         QCoreApplication::sendEvent(window, &release);
         pump(nullptr, 20ms);
     }
+    EXPECT_DOUBLE_EQ(band->property("value").toDouble(), -9.0) << "the slider did not take every key press";
     const int row = desk.routes()->indexOf(QString::fromStdString(b));
     ASSERT_TRUE(pump(
         [&] {

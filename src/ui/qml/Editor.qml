@@ -43,9 +43,19 @@ Pane {
                         orientation: Qt.Vertical
                         from: -12; to: 12; stepSize: 0.5
                         snapMode: Slider.SnapAlways
-                        value: editor.route ? editor.route.bands[index] : 0
+                        // While a person moves it, the desk's (slightly older) value must not pull it back.
+                        readonly property bool editing: pressed || recentEdit.running
+                        Timer { id: recentEdit; interval: 800 }
+                        Binding on value {
+                            value: editor.route ? editor.route.bands[index] : 0
+                            when: !slider.editing
+                            restoreMode: Binding.RestoreNone
+                        }
                         Accessible.name: qsTr("Band %1 Hz, %2 dB").arg(editor.bandLabels[index]).arg(value.toFixed(1))
-                        onMoved: desk.setBand(editor.route.routeId, index, value)
+                        onMoved: {
+                            recentEdit.restart()
+                            desk.setBand(editor.route.routeId, index, value)
+                        }
                         TapHandler {
                             acceptedButtons: Qt.LeftButton
                             onDoubleTapped: desk.setBand(editor.route.routeId, index, 0)
@@ -99,9 +109,18 @@ Pane {
             Slider {
                 id: trim
                 from: -12; to: 6; stepSize: 0.5
-                value: editor.route ? editor.route.trimDb : 0
+                readonly property bool editing: pressed || trimEdit.running
+                Timer { id: trimEdit; interval: 800 }
+                Binding on value {
+                    value: editor.route ? editor.route.trimDb : 0
+                    when: !trim.editing
+                    restoreMode: Binding.RestoreNone
+                }
                 Accessible.name: qsTr("Output trim, %1 dB").arg(value.toFixed(1))
-                onMoved: desk.setTrim(editor.route.routeId, value)
+                onMoved: {
+                    trimEdit.restart()
+                    desk.setTrim(editor.route.routeId, value)
+                }
             }
             Label { text: (trim.value > 0 ? "+" : "") + trim.value.toFixed(1) + " dB" }
         }

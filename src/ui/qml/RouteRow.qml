@@ -75,10 +75,15 @@ ItemDelegate {
             Slider {
                 id: gain
                 from: -30; to: 12; stepSize: 0.5
-                value: gainDb
                 implicitWidth: 120
+                readonly property bool editing: pressed || gainEdit.running
+                Timer { id: gainEdit; interval: 800 }
+                Binding on value { value: gainDb; when: !gain.editing; restoreMode: Binding.RestoreNone }
                 Accessible.name: qsTr("Gain, %1 dB").arg(value.toFixed(1))
-                onMoved: desk.setGain(routeId, value)
+                onMoved: {
+                    gainEdit.restart()
+                    desk.setGain(routeId, value)
+                }
             }
             CheckBox {
                 text: qsTr("Mute")
