@@ -87,7 +87,8 @@ protected:
                 }
                 return found != 0;
             },
-            5s);
+            // An SDL player (ffplay) can take several seconds to open its audio on a loaded machine.
+            10s);
         return found;
     }
 
