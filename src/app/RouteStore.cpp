@@ -264,12 +264,14 @@ bool RouteStore::startAudio(const UUID& id, bool forceRestart) {
     if (it != liveRoutes_.end() && it->second->isRunning() && !forceRestart) return true;
     awaitingApplication_.erase(id);
     awaitingDevice_.erase(id);
+    awaitingCapture_.erase(id);
 
     if (!captureAllowed()) {
         liveRoutes_.erase(id);
         markStopped(id);
         setHealth(*r, RouteHealth::blocked);
         setError(id, std::string(captureRefusedText));
+        awaitingCapture_.insert(id);
         return true;
     }
     const auto* process = processFor(*r);
@@ -320,6 +322,7 @@ void RouteStore::applyStartFailure(AppRoute& route, const LiveRoute::Error& erro
             if (!captureAllowed()) {
                 setHealth(route, RouteHealth::blocked);
                 setError(route.id, std::string(captureRefusedText));
+                awaitingCapture_.insert(route.id);
                 break;
             }
         }

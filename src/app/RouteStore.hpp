@@ -218,6 +218,7 @@ private:
     void afterStart(AppRoute& route, LiveRoute& live, bool engineIsNew);
     void updateAITicks();
     void dropQuitApplications();
+    void retryRefusedCapture();
     void replaceRoutes(const std::vector<AppRoute>& wanted);
     void followLayoutDevices();
     void pauseRoute(AppRoute& route);
@@ -247,6 +248,9 @@ private:
     std::set<UUID> awaitingApplication_;
     // Routes that found no output device at all: they start when one appears.
     std::set<UUID> awaitingDevice_;
+    // Routes refused capture: asked again when the sound server's picture changes (a session
+    // manager that has just started grants it a moment later).
+    std::set<UUID> awaitingCapture_;
     // Automatic starts and pauses wait until the restored routes were activated.
     bool isActivated_ = false;
     std::optional<bool> captureGranted_;

@@ -42,6 +42,7 @@ void RouteStore::handleDiscoveryChange() {
     availableProcesses_ = discovery_.entries();
     changed(Change::processes);
     if (!isActivated_) return;
+    retryRefusedCapture();
 
     dropQuitApplications();
 
@@ -83,8 +84,19 @@ void RouteStore::dropQuitApplications() {
     }
 }
 
+void RouteStore::retryRefusedCapture() {
+    if (awaitingCapture_.empty()) return;
+    captureGranted_.reset();
+    for (const UUID& id : std::vector<UUID>(awaitingCapture_.begin(), awaitingCapture_.end())) {
+        const AppRoute* r = route(id);
+        if (!r || r->activationMode == RouteActivationMode::off) awaitingCapture_.erase(id);
+        else startAudio(id, false);
+    }
+}
+
 void RouteStore::handleDeviceChange() {
     changed(Change::devices);
+    if (isActivated_) retryRefusedCapture();
     if (isActivated_) followLayoutDevices();
     for (auto& [id, live] : liveRoutes_) {
         AppRoute* r = mutableRoute(id);
