@@ -450,14 +450,6 @@ QString DeskBus::Quieter(const QString& route) {
     return id ? toQ(service_.store()->siriAdjustLoudness(false, *id)) : QString();
 }
 
-QString DeskBus::AITuneReasons(const QString& route) {
-    auto id = routeOrFail(route);
-    if (!id) return {};
-    nlohmann::json list = nlohmann::json::array();
-    for (const auto& reasons : service_.store()->aiTuneReasons(*id)) list.push_back(reasons);
-    return text(list);
-}
-
 QString DeskBus::AITuneState(const QString& route) {
     auto id = routeOrFail(route);
     if (!id) return {};

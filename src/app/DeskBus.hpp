@@ -104,7 +104,6 @@ public slots:
     void Pause(const QString& route);
     void Next(const QString& route);
     void Previous(const QString& route);
-    QString AITuneReasons(const QString& route);
     // What AI Tune hears and proposes on a route, as JSON: prominenceDb, isConfident,
     // analyzedSeconds, tweaksDb, lockedBands, reasons (ten lists).
     QString AITuneState(const QString& route);

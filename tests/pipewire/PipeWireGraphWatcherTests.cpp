@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "GraphRecords.hpp"
+
 #include <map>
 #include <string>
 
@@ -11,12 +13,7 @@
 namespace tarn {
 namespace {
 
-PipeWireNodeRecord node(uint32_t id, uint32_t client, PipeWireProperties props, std::string state = "running") {
-    PipeWireNodeRecord n;
-    n.id = id, n.serial = id + 100, n.clientID = client, n.props = std::move(props), n.state = std::move(state);
-    n.hasInfo = true;
-    return n;
-}
+using test::node;
 
 PipeWireClientRecord client(uint32_t id, int pid, const std::string& binary) {
     PipeWireClientRecord c;
