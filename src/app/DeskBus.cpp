@@ -8,6 +8,7 @@
 #include <QDBusServiceWatcher>
 
 #include "app/RouteEdits.hpp"
+#include "core/audio/ProcessCategory.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 #include "core/io/AutoEqParser.hpp"
@@ -32,6 +33,11 @@ constexpr int announceCoalesceMs = 30;
 
 QString toQ(const std::string& s) { return QString::fromStdString(s); }
 QString text(const nlohmann::json& j) { return toQ(j.dump()); }
+
+// What kind of application it is, for people choosing what to route ("browser", "video", …).
+std::string categoryOf(const std::string& bundleID, const std::string& displayName) {
+    return std::string(ProcessCategory::label(ProcessCategory::kindOf(bundleID, displayName)));
+}
 
 } // namespace
 
@@ -61,6 +67,7 @@ QString DeskBus::routes() const {
     for (const auto& r : store->routes()) {
         nlohmann::json j = r;
         j["isLive"] = store->liveEngines().count(r.id) > 0;
+        j["category"] = categoryOf(r.bundleID, r.displayName);
         auto error = store->lastStartError().find(r.id);
         j["lastStartError"] =
             error == store->lastStartError().end() ? nlohmann::json(nullptr) : nlohmann::json(error->second);
@@ -80,6 +87,7 @@ QString DeskBus::processes() const {
                             {"pid", e.pid},
                             {"bundleID", e.bundleID},
                             {"displayName", e.displayName},
+                            {"category", categoryOf(e.bundleID, e.displayName)},
                             {"isRunningOutput", e.isRunningOutput}});
     return text(list);
 }

@@ -40,6 +40,9 @@ public:
         EQBypassedRole,
         CorrectionBypassedRole,
         CorrectionRole,
+        CategoryRole,
+        ChannelCountRole,
+        ChannelDeltasRole,
     };
 
     // Meters show −60 … 0 dBFS.
