@@ -15,6 +15,7 @@
 
 #include "cli/Command.hpp"
 #include "ui/DeskTray.hpp"
+#include "ui/DesktopPalette.hpp"
 #include "ui/DeskWindow.hpp"
 
 namespace tarn::cli {
@@ -24,6 +25,7 @@ struct DeskOptions {
     std::string screenshot;
     std::string route;
     std::string show;
+    std::string colorScheme;
     std::string size = "1280x800";
     double after = 2.0;
 };
@@ -58,6 +60,10 @@ int runDesk(const DeskOptions& options) {
     if (!bus.isConnected())
         throw CommandError(exitFailure, fmt::format("no session bus to reach the desk on ({})",
                                                     bus.lastError().message().toStdString()));
+    if (options.colorScheme == "dark") ui::applyColorScheme(ui::ColorScheme::dark);
+    else if (options.colorScheme == "light") ui::applyColorScheme(ui::ColorScheme::light);
+    else if (auto scheme = ui::desktopColorScheme(bus)) ui::applyColorScheme(*scheme);
+    ui::DeskWindow::chooseStyle();
     ui::DeskWindow desk(bus, PreferencesStore::standard(), DeskSettings::standardAutostartDirectory());
     if (auto problem = desk.load(QString::fromStdString(options.route), openAtStart(options))) throw CommandError(exitFailure, problem->toStdString());
     QQuickWindow* window = desk.window();
@@ -99,6 +105,9 @@ Command makeDeskCommand(CLI::App& root) {
     app->add_option("--show", options->show, "Open a dialog at once: intro, settings or add (none: not even the first-run introduction)")
         ->check(CLI::IsMember({"intro", "settings", "add", "none"}))
         ->type_name("DIALOG");
+    app->add_option("--color-scheme", options->colorScheme, "light or dark (default: as the desktop prefers)")
+        ->check(CLI::IsMember({"light", "dark"}))
+        ->type_name("SCHEME");
     app->add_option("--after", options->after, "Seconds of live data before the screenshot (default 2)")
         ->check(CLI::Range(0.0, 600.0));
     return {app, [options] { return runDesk(*options); }};

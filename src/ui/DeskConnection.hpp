@@ -61,6 +61,7 @@ public:
     bool isShowingRoute() const { return !shownRoute_.isEmpty() && routes_.indexOf(shownRoute_) >= 0; }
     // Asks again at once (a person pressed "Start the desk"); D-Bus activation starts it.
     Q_INVOKABLE void reconnect() { readAll(); }
+    Q_INVOKABLE void clearLastError() { setLastError({}); }
     Q_INVOKABLE void selectRoute(const QString& route);
     Q_INVOKABLE void setBand(const QString& route, int band, double gainDb);
     Q_INVOKABLE void setGain(const QString& route, double gainDb);

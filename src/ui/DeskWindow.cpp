@@ -2,11 +2,18 @@
 
 #include <QCoreApplication>
 #include <QQmlContext>
+#include <QQuickStyle>
 
 #include "core/profiles/BundledProfileCatalog.hpp"
 #include "ui/AppIconProvider.hpp"
 
 namespace tarn::ui {
+
+void DeskWindow::chooseStyle() {
+    // Fusion draws with the application's palette, so the desk is light or dark with the desktop;
+    // a style the user chose (QT_QUICK_CONTROLS_STYLE) stands.
+    if (qEnvironmentVariableIsEmpty("QT_QUICK_CONTROLS_STYLE")) QQuickStyle::setStyle(QStringLiteral("Fusion"));
+}
 
 DeskWindow::DeskWindow(QDBusConnection bus, PreferencesStore preferences, QString autostartDirectory)
     : desk_(std::move(bus)),

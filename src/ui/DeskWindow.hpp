@@ -19,6 +19,9 @@ class DeskWindow {
 public:
     DeskWindow(QDBusConnection bus, PreferencesStore preferences, QString autostartDirectory);
 
+    // The controls' style; before the first DeskWindow is made.
+    static void chooseStyle();
+
     // Builds the view; the problem in words when it cannot be built. `routeToShow`, when given,
     // is selected for the editor once the desk has it. `openAtStart` opens one of the window's
     // dialogs ("intro", "settings", "add") at once; "none" opens none, not even the first-run

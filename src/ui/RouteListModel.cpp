@@ -41,6 +41,10 @@ QVariant RouteListModel::data(const QModelIndex& index, int role) const {
     case EQBypassedRole: return r.value("customEQBypassed").toBool();
     case CorrectionBypassedRole: return r.value("correctionBypassed").toBool();
     case CorrectionRole: return r.value("correctionProfileSnapshot").toObject().value("modelName").toString();
+    case CorrectionSourceRole: {
+        const QJsonObject profile = r.value("correctionProfileSnapshot").toObject();
+        return profile.value("measurementProvider").toString(profile.value("sourceProject").toString());
+    }
     case CategoryRole: return r.value("category").toString("other");
     // A route that has not played yet has no output format: stereo is what it will most likely get.
     case ChannelCountRole: {
@@ -62,7 +66,8 @@ QHash<int, QByteArray> RouteListModel::roleNames() const {
             {GenreRole, "genre"},      {AITuneRole, "aiTune"},           {InputLevelRole, "inputLevel"},
             {OutputLevelRole, "outputLevel"}, {EQBypassedRole, "eqBypassed"},
             {CorrectionBypassedRole, "correctionBypassed"}, {CorrectionRole, "correction"},
-            {CategoryRole, "category"}, {ChannelCountRole, "channelCount"}, {ChannelDeltasRole, "channelDeltas"}};
+            {CategoryRole, "category"}, {ChannelCountRole, "channelCount"}, {ChannelDeltasRole, "channelDeltas"},
+            {CorrectionSourceRole, "correctionSource"}};
 }
 
 void RouteListModel::setRoutes(const QJsonArray& routes) {

@@ -43,6 +43,7 @@ public:
         CategoryRole,
         ChannelCountRole,
         ChannelDeltasRole,
+        CorrectionSourceRole,
     };
 
     // Meters show −60 … 0 dBFS.

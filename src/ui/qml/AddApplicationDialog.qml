@@ -9,6 +9,7 @@ Dialog {
     id: dialog
     title: qsTr("Add application")
     modal: true
+    Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
     standardButtons: Dialog.Close
     width: Math.min(520, parent ? parent.width - 40 : 520)
     height: Math.min(460, parent ? parent.height - 40 : 460)

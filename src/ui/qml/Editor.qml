@@ -18,171 +18,175 @@ Pane {
         return d ? d.name : route.device
     }
 
-    ColumnLayout {
+    // Scrolls when the window is too short for everything (1024×640 with AI Tune on).
+    ScrollView {
+        id: scroll
         anchors.fill: parent
         visible: editor.route !== null
-        spacing: 12
+        contentWidth: availableWidth
+        clip: true
 
-        RowLayout {
-            Layout.fillWidth: true
-            Label {
+        ColumnLayout {
+            width: scroll.availableWidth
+            spacing: 12
+
+            RowLayout {
                 Layout.fillWidth: true
-                text: editor.route ? editor.route.displayName + " → " + editor.deviceName : ""
-                font.pixelSize: 18
-                font.bold: true
-                elide: Text.ElideRight
-            }
-            PresetBar { route: editor.route }
-        }
-
-        RowLayout {
-            Layout.fillWidth: true
-            Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
-            spacing: 10
-            Repeater {
-                model: 10
-                ColumnLayout {
-                    Layout.fillHeight: true
+                Label {
                     Layout.fillWidth: true
-                    Layout.preferredWidth: 60
-                    Layout.minimumWidth: 36
-                    Label {
-                        Layout.alignment: Qt.AlignHCenter
-                        text: Words.db(slider.value).replace(" dB", "")
-                        font.pixelSize: 11
-                    }
-                    Slider {
-                        id: slider
-                        objectName: "band" + index
+                    text: editor.route ? editor.route.displayName + " → " + editor.deviceName : ""
+                    font.pixelSize: 18
+                    font.bold: true
+                    elide: Text.ElideRight
+                }
+                PresetBar { route: editor.route }
+            }
+
+            RowLayout {
+                Layout.fillWidth: true
+                Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
+                spacing: 10
+                Repeater {
+                    model: 10
+                    ColumnLayout {
                         Layout.fillHeight: true
-                        Layout.alignment: Qt.AlignHCenter
-                        orientation: Qt.Vertical
-                        from: -12; to: 12; stepSize: 0.5
-                        snapMode: Slider.SnapAlways
-                        // While a person moves it, the desk's (slightly older) value must not pull it back.
-                        readonly property bool editing: pressed || recentEdit.running
-                        Timer { id: recentEdit; interval: 800 }
+                        Layout.fillWidth: true
+                        Layout.preferredWidth: 60
+                        Layout.minimumWidth: 36
+                        Label {
+                            Layout.alignment: Qt.AlignHCenter
+                            text: Words.db(slider.value).replace(" dB", "")
+                            font.pixelSize: 11
+                        }
+                        Slider {
+                            id: slider
+                            objectName: "band" + index
+                            Layout.fillHeight: true
+                            Layout.alignment: Qt.AlignHCenter
+                            orientation: Qt.Vertical
+                            from: -12; to: 12; stepSize: 0.5
+                            snapMode: Slider.SnapAlways
+                            // While a person moves it, the desk's (slightly older) value must not pull it back.
+                            readonly property bool editing: pressed || recentEdit.running
+                            Timer { id: recentEdit; interval: 800 }
+                            Binding on value {
+                                value: editor.route ? editor.route.bands[index] : 0
+                                when: !slider.editing
+                                restoreMode: Binding.RestoreNone
+                            }
+                            Accessible.name: qsTr("Band %1, %2").arg(editor.bandNames[index]).arg(Words.db(value))
+                            onMoved: {
+                                recentEdit.restart()
+                                desk.setBand(editor.route.routeId, index, value)
+                            }
+                            function setByKey(gainDb) {
+                                value = Math.max(from, Math.min(to, gainDb))
+                                moved()
+                            }
+                            Keys.onPressed: event => {
+                                if (event.key === Qt.Key_PageUp) setByKey(value + editor.pageStepDb)
+                                else if (event.key === Qt.Key_PageDown) setByKey(value - editor.pageStepDb)
+                                else if (event.key === Qt.Key_0 || event.key === Qt.Key_Home) setByKey(0)
+                                else return
+                                event.accepted = true
+                            }
+                            TapHandler {
+                                acceptedButtons: Qt.LeftButton
+                                onDoubleTapped: slider.setByKey(0)
+                            }
+                        }
+                        Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
+                    }
+                }
+            }
+
+            // Wraps onto a second line in a narrow window rather than running off its edge.
+            Flow {
+                Layout.fillWidth: true
+                spacing: 16
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("Genre"); anchors.verticalCenter: parent.verticalCenter }
+                    ComboBox {
+                        readonly property var keys: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
+                        model: [qsTr("Flat"), qsTr("Reference"), qsTr("EDM"), qsTr("Hip-hop"), qsTr("Rock"), qsTr("Pop"), qsTr("Vocal"), qsTr("Acoustic"), qsTr("Classical"), qsTr("Trap")]
+                        currentIndex: editor.route ? Math.max(0, keys.indexOf(editor.route.genre)) : 0
+                        onActivated: index => desk.setGenre(editor.route.routeId, keys[index])
+                        Accessible.name: qsTr("Genre preset")
+                    }
+                }
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("AI Tune"); anchors.verticalCenter: parent.verticalCenter }
+                    Segmented {
+                        options: [["off", qsTr("Off")], ["song", qsTr("Song")], ["taste", qsTr("Taste")]]
+                        current: editor.route ? editor.route.aiTune : "off"
+                        accessiblePrefix: qsTr("AI Tune")
+                        buttonHeight: 36
+                        onChosen: key => desk.setAITune(editor.route.routeId, key)
+                    }
+                }
+                Switch {
+                    text: qsTr("Equaliser")
+                    Accessible.name: qsTr("Equaliser on")
+                    checked: editor.route && !editor.route.eqBypassed
+                    onToggled: desk.setEQBypassed(editor.route.routeId, !checked)
+                }
+                Switch {
+                    text: editor.route && editor.route.correction !== ""
+                          ? editor.route.correction + (editor.route.correctionSource !== "" ? "  ·  " + editor.route.correctionSource : "")
+                          : qsTr("No headphone correction")
+                    Accessible.name: qsTr("Headphone correction on")
+                    enabled: editor.route && editor.route.correction !== ""
+                    checked: editor.route && !editor.route.correctionBypassed
+                    onToggled: desk.setCorrectionBypassed(editor.route.routeId, !checked)
+                }
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("Trim"); anchors.verticalCenter: parent.verticalCenter }
+                    Slider {
+                        id: trim
+                        width: 140
+                        from: -12; to: 6; stepSize: 0.5
+                        readonly property bool editing: pressed || trimEdit.running
+                        Timer { id: trimEdit; interval: 800 }
                         Binding on value {
-                            value: editor.route ? editor.route.bands[index] : 0
-                            when: !slider.editing
+                            value: editor.route ? editor.route.trimDb : 0
+                            when: !trim.editing
                             restoreMode: Binding.RestoreNone
                         }
-                        Accessible.name: qsTr("Band %1, %2").arg(editor.bandNames[index]).arg(Words.db(value))
+                        Accessible.name: qsTr("Output trim, %1").arg(Words.db(value))
                         onMoved: {
-                            recentEdit.restart()
-                            desk.setBand(editor.route.routeId, index, value)
-                        }
-                        function setByKey(gainDb) {
-                            value = Math.max(from, Math.min(to, gainDb))
-                            moved()
-                        }
-                        Keys.onPressed: event => {
-                            if (event.key === Qt.Key_PageUp) setByKey(value + editor.pageStepDb)
-                            else if (event.key === Qt.Key_PageDown) setByKey(value - editor.pageStepDb)
-                            else if (event.key === Qt.Key_0 || event.key === Qt.Key_Home) setByKey(0)
-                            else return
-                            event.accepted = true
-                        }
-                        TapHandler {
-                            acceptedButtons: Qt.LeftButton
-                            onDoubleTapped: slider.setByKey(0)
+                            trimEdit.restart()
+                            desk.setTrim(editor.route.routeId, value)
                         }
                     }
-                    Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
+                    Label { text: Words.db(trim.value); anchors.verticalCenter: parent.verticalCenter; width: 64 }
                 }
             }
-        }
-
-        // Wraps onto a second line in a narrow window rather than running off its edge.
-        Flow {
-            Layout.fillWidth: true
-            spacing: 16
-            Row {
-                spacing: 8
-                Label { text: qsTr("Genre"); anchors.verticalCenter: parent.verticalCenter }
-                ComboBox {
-                    readonly property var keys: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
-                    model: [qsTr("Flat"), qsTr("Reference"), qsTr("EDM"), qsTr("Hip-hop"), qsTr("Rock"), qsTr("Pop"), qsTr("Vocal"), qsTr("Acoustic"), qsTr("Classical"), qsTr("Trap")]
-                    currentIndex: editor.route ? Math.max(0, keys.indexOf(editor.route.genre)) : 0
-                    onActivated: index => desk.setGenre(editor.route.routeId, keys[index])
-                    Accessible.name: qsTr("Genre preset")
-                }
+            CorrectionPicker {
+                Layout.fillWidth: true
+                route: editor.route
             }
-            Row {
-                spacing: 8
-                Label { text: qsTr("AI Tune"); anchors.verticalCenter: parent.verticalCenter }
-                Segmented {
-                    options: [["off", qsTr("Off")], ["song", qsTr("Song")], ["taste", qsTr("Taste")]]
-                    current: editor.route ? editor.route.aiTune : "off"
-                    accessiblePrefix: qsTr("AI Tune")
-                    buttonHeight: 36
-                    onChosen: key => desk.setAITune(editor.route.routeId, key)
-                }
+            // Less used: kept folded so the desk stays readable at 1024×640.
+            Button {
+                id: moreToggle
+                text: (checked ? "▾ " : "▸ ") + qsTr("Per-channel offsets")
+                flat: true
+                checkable: true
+                Accessible.name: qsTr("Show per-channel offsets")
             }
-            Switch {
-                text: qsTr("Equaliser")
-                Accessible.name: qsTr("Equaliser on")
-                checked: editor.route && !editor.route.eqBypassed
-                onToggled: desk.setEQBypassed(editor.route.routeId, !checked)
+            ChannelOffsets {
+                Layout.fillWidth: true
+                visible: moreToggle.checked
+                route: editor.route
             }
-            Switch {
-                text: editor.route && editor.route.correction !== "" ? editor.route.correction : qsTr("No headphone correction")
-                Accessible.name: qsTr("Headphone correction on")
-                enabled: editor.route && editor.route.correction !== ""
-                checked: editor.route && !editor.route.correctionBypassed
-                onToggled: desk.setCorrectionBypassed(editor.route.routeId, !checked)
-            }
-            Row {
-                spacing: 8
-                Label { text: qsTr("Trim"); anchors.verticalCenter: parent.verticalCenter }
-                Slider {
-                    id: trim
-                    width: 140
-                    from: -12; to: 6; stepSize: 0.5
-                    readonly property bool editing: pressed || trimEdit.running
-                    Timer { id: trimEdit; interval: 800 }
-                    Binding on value {
-                        value: editor.route ? editor.route.trimDb : 0
-                        when: !trim.editing
-                        restoreMode: Binding.RestoreNone
-                    }
-                    Accessible.name: qsTr("Output trim, %1").arg(Words.db(value))
-                    onMoved: {
-                        trimEdit.restart()
-                        desk.setTrim(editor.route.routeId, value)
-                    }
-                }
-                Label { text: Words.db(trim.value); anchors.verticalCenter: parent.verticalCenter; width: 64 }
+            AITunePanel {
+                Layout.fillWidth: true
+                visible: editor.route !== null && editor.route.aiTune !== "off"
+                route: visible ? editor.route : null
             }
         }
-        CorrectionPicker {
-            Layout.fillWidth: true
-            route: editor.route
-        }
-        // Less used: kept folded so the desk stays readable at 1024×640.
-        Button {
-            id: moreToggle
-            text: (checked ? "▾ " : "▸ ") + qsTr("Per-channel offsets")
-            flat: true
-            checkable: true
-            Accessible.name: qsTr("Show per-channel offsets")
-        }
-        ChannelOffsets {
-            Layout.fillWidth: true
-            visible: moreToggle.checked
-            route: editor.route
-        }
-        AITunePanel {
-            Layout.fillWidth: true
-            visible: editor.route !== null && editor.route.aiTune !== "off"
-            route: visible ? editor.route : null
-        }
-        Label {
-            visible: desk.lastError !== ""
-            text: desk.lastError
-            color: "#c0392b"
-        }
-        Item { Layout.fillHeight: true }
     }
 
     Label {

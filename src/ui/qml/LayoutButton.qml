@@ -48,6 +48,7 @@ Button {
         anchors.centerIn: parent
         title: qsTr("Save the desk as a layout")
         modal: true
+        Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
         standardButtons: Dialog.Save | Dialog.Cancel
         onOpened: { layoutName.text = ""; layoutName.forceActiveFocus() }
         onAccepted: if (layoutName.text.trim() !== "") desk.saveLayout(layoutName.text.trim(), device.currentIndex > 0 ? desk.devices[device.currentIndex - 1].uid : "")

@@ -12,8 +12,18 @@ ApplicationWindow {
     visible: true
     title: qsTr("Tarn — sound desk")
 
-    SystemPalette { id: palette; colorGroup: SystemPalette.Active }
-    color: palette.window
+    // The application's palette (light or dark, as the desktop prefers) handed to every control.
+    SystemPalette { id: system; colorGroup: SystemPalette.Active }
+    SystemPalette { id: systemDisabled; colorGroup: SystemPalette.Disabled }
+    palette {
+        window: system.window; windowText: system.windowText; base: system.base; alternateBase: system.alternateBase
+        text: system.text; button: system.button; buttonText: system.buttonText; highlight: system.highlight
+        highlightedText: system.highlightedText; placeholderText: system.placeholderText; light: system.light
+        midlight: system.midlight; mid: system.mid; dark: system.dark; shadow: system.shadow
+        toolTipBase: system.base; toolTipText: system.text
+        disabled.text: systemDisabled.text; disabled.windowText: systemDisabled.windowText; disabled.buttonText: systemDisabled.buttonText
+    }
+    color: system.window
 
     readonly property color accent: "#2f9e6e"
     readonly property int selectedRow: {
@@ -67,6 +77,20 @@ ApplicationWindow {
                 ToolTip.visible: hovered
                 ToolTip.text: qsTr("Settings")
             }
+        }
+    }
+
+    // The desk's last refusal, until the next edit goes through or it is dismissed.
+    footer: Rectangle {
+        visible: desk.lastError !== ""
+        height: visible ? 34 : 0
+        color: Qt.rgba(0.75, 0.22, 0.17, 0.15)
+        RowLayout {
+            anchors.fill: parent
+            anchors.leftMargin: 12
+            anchors.rightMargin: 12
+            Label { objectName: "lastError"; text: desk.lastError; color: "#c0392b"; elide: Text.ElideRight; Layout.fillWidth: true }
+            ToolButton { text: "✕"; Accessible.name: qsTr("Dismiss"); onClicked: desk.clearLastError() }
         }
     }
 
@@ -140,6 +164,7 @@ ApplicationWindow {
         id: removeDialog
         anchors.centerIn: parent
         modal: true
+        Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
         title: qsTr("Remove the route?")
         standardButtons: Dialog.Ok | Dialog.Cancel
         Label {

@@ -8,6 +8,7 @@ Dialog {
     id: intro
     title: qsTr("Welcome to Tarn")
     modal: true
+    Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
     anchors.centerIn: parent
     width: Math.min(560, parent ? parent.width - 40 : 560)
     closePolicy: Popup.CloseOnEscape

@@ -55,6 +55,7 @@ RowLayout {
         parent: Overlay.overlay
         anchors.centerIn: parent
         modal: true
+        Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
         title: qsTr("Save this sound as a preset")
         standardButtons: Dialog.Save | Dialog.Cancel
         onOpened: { presetName.text = ""; presetName.forceActiveFocus() }

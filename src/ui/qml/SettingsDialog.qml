@@ -8,6 +8,7 @@ Dialog {
     id: dialog
     title: qsTr("Settings")
     modal: true
+    Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
     standardButtons: Dialog.Close
     anchors.centerIn: parent
     signal introductionRequested()
@@ -26,6 +27,7 @@ Dialog {
         }
         Label { text: qsTr("Meters move") }
         ComboBox {
+            implicitContentWidthPolicy: ComboBox.WidestText
             model: dialog.meterRates.map(r => qsTr("%1 times a second").arg(r))
             currentIndex: Math.max(0, dialog.meterRates.indexOf(settings.meterRateHz))
             Accessible.name: qsTr("Meter rate")
@@ -33,6 +35,7 @@ Dialog {
         }
         Label { text: qsTr("New routes start") }
         ComboBox {
+            implicitContentWidthPolicy: ComboBox.WidestText
             readonly property var modes: ["off", "auto", "on"]
             model: modes.map(m => Words.mode(m))
             currentIndex: Math.max(0, modes.indexOf(settings.defaultMode))
