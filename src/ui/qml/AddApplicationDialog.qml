@@ -40,6 +40,7 @@ Dialog {
             keyNavigationEnabled: true
             focus: true
             delegate: ItemDelegate {
+                objectName: "process"
                 width: list.width
                 readonly property bool routed: dialog.routedIdentities.indexOf(modelData.bundleID) >= 0
                 enabled: modelData.bundleID !== "" && !routed

@@ -55,6 +55,7 @@ ColumnLayout {
         keyNavigationEnabled: true
         ScrollBar.vertical: ScrollBar {}
         delegate: ItemDelegate {
+            objectName: "catalogueResult"
             width: results.width
             highlighted: ListView.isCurrentItem && results.activeFocus
             text: modelName + "  ·  " + qsTr("measured by %1").arg(source) + (featured ? "  ★" : "")

@@ -58,7 +58,7 @@ Pane {
                             text: Words.db(slider.value).replace(" dB", "")
                             font.pixelSize: 11
                         }
-                        Slider {
+                        DeskSlider {
                             id: slider
                             objectName: "band" + index
                             Layout.fillHeight: true
@@ -66,34 +66,10 @@ Pane {
                             orientation: Qt.Vertical
                             from: -12; to: 12; stepSize: 0.5
                             snapMode: Slider.SnapAlways
-                            // While a person moves it, the desk's (slightly older) value must not pull it back.
-                            readonly property bool editing: pressed || recentEdit.running
-                            Timer { id: recentEdit; interval: 800 }
-                            Binding on value {
-                                value: editor.route ? editor.route.bands[index] : 0
-                                when: !slider.editing
-                                restoreMode: Binding.RestoreNone
-                            }
+                            pageStep: editor.pageStepDb
+                            deskValue: editor.route ? editor.route.bands[index] : 0
                             Accessible.name: qsTr("Band %1, %2").arg(editor.bandNames[index]).arg(Words.db(value))
-                            onMoved: {
-                                recentEdit.restart()
-                                desk.setBand(editor.route.routeId, index, value)
-                            }
-                            function setByKey(gainDb) {
-                                value = Math.max(from, Math.min(to, gainDb))
-                                moved()
-                            }
-                            Keys.onPressed: event => {
-                                if (event.key === Qt.Key_PageUp) setByKey(value + editor.pageStepDb)
-                                else if (event.key === Qt.Key_PageDown) setByKey(value - editor.pageStepDb)
-                                else if (event.key === Qt.Key_0 || event.key === Qt.Key_Home) setByKey(0)
-                                else return
-                                event.accepted = true
-                            }
-                            TapHandler {
-                                acceptedButtons: Qt.LeftButton
-                                onDoubleTapped: slider.setByKey(0)
-                            }
+                            onEdited: value => desk.setBand(editor.route.routeId, index, value)
                         }
                         Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
                     }
@@ -144,22 +120,13 @@ Pane {
                 Row {
                     spacing: 8
                     Label { text: qsTr("Trim"); anchors.verticalCenter: parent.verticalCenter }
-                    Slider {
+                    DeskSlider {
                         id: trim
                         width: 140
                         from: -12; to: 6; stepSize: 0.5
-                        readonly property bool editing: pressed || trimEdit.running
-                        Timer { id: trimEdit; interval: 800 }
-                        Binding on value {
-                            value: editor.route ? editor.route.trimDb : 0
-                            when: !trim.editing
-                            restoreMode: Binding.RestoreNone
-                        }
+                        deskValue: editor.route ? editor.route.trimDb : 0
                         Accessible.name: qsTr("Output trim, %1").arg(Words.db(value))
-                        onMoved: {
-                            trimEdit.restart()
-                            desk.setTrim(editor.route.routeId, value)
-                        }
+                        onEdited: value => desk.setTrim(editor.route.routeId, value)
                     }
                     Label { text: Words.db(trim.value); anchors.verticalCenter: parent.verticalCenter; width: 64 }
                 }

@@ -157,11 +157,12 @@ ApplicationWindow {
         }
     }
 
-    AddApplicationDialog { id: addDialog }
-    SettingsDialog { id: settingsDialog; onIntroductionRequested: onboarding.open() }
-    Onboarding { id: onboarding; onAddRequested: addDialog.open() }
+    AddApplicationDialog { id: addDialog; objectName: "addDialog" }
+    SettingsDialog { id: settingsDialog; objectName: "settingsDialog"; onIntroductionRequested: onboarding.open() }
+    Onboarding { id: onboarding; objectName: "onboarding"; onAddRequested: addDialog.open() }
     Dialog {
         id: removeDialog
+        objectName: "removeDialog"
         anchors.centerIn: parent
         modal: true
         Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }

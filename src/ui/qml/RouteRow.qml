@@ -6,8 +6,10 @@ import "Words.js" as Words
 // One route: its application, health in words, where it plays, its mode, gain, mute and meters.
 ItemDelegate {
     id: row
+    objectName: "routeRow"
     property bool selected: false
     property int rowCount: 0
+    readonly property string routeKey: routeId
     height: 118
     // A quiet mark for the selected route, so its meters stay readable.
     background: Rectangle {
@@ -29,7 +31,7 @@ ItemDelegate {
                 color: Words.healthColour(health)
                 implicitWidth: badge.implicitWidth + 14
                 implicitHeight: badge.implicitHeight + 4
-                Label { id: badge; anchors.centerIn: parent; text: Words.health(health); color: "white"; font.pixelSize: 11 }
+                Label { id: badge; objectName: "healthBadge"; anchors.centerIn: parent; text: Words.health(health); color: "white"; font.pixelSize: 11 }
             }
             ToolButton {
                 text: "⋯"
@@ -46,6 +48,7 @@ ItemDelegate {
             }
         }
         Label {
+            objectName: "routeMessage"
             visible: message !== ""
             text: message
             color: "#c0392b"
@@ -78,18 +81,13 @@ ItemDelegate {
         RowLayout {
             spacing: 8
             Label { text: qsTr("Gain"); font.pixelSize: 11 }
-            Slider {
+            DeskSlider {
                 id: gain
                 from: -30; to: 12; stepSize: 0.5
                 implicitWidth: 120
-                readonly property bool editing: pressed || gainEdit.running
-                Timer { id: gainEdit; interval: 800 }
-                Binding on value { value: gainDb; when: !gain.editing; restoreMode: Binding.RestoreNone }
-                Accessible.name: qsTr("Gain, %1 dB").arg(value.toFixed(1))
-                onMoved: {
-                    gainEdit.restart()
-                    desk.setGain(routeId, value)
-                }
+                deskValue: gainDb
+                Accessible.name: qsTr("%1 gain, %2").arg(displayName).arg(Words.db(value))
+                onEdited: value => desk.setGain(routeId, value)
             }
             CheckBox {
                 text: qsTr("Mute")
