@@ -151,7 +151,9 @@ bool DeskConnection::call(const char* method, const QVariantList& arguments) {
 
 void DeskConnection::showRoute(const QString& route) {
     routeToShow_ = route;
+    shownRoute_.clear();
     findRouteToShow();
+    emit selectionChanged();
 }
 
 void DeskConnection::findRouteToShow() {

@@ -52,7 +52,10 @@ void FakeDesk::set(const char* property, const QString& json) {
     bus_.send(signal);
 }
 
-void FakeDesk::sendMeters(const QString& json) { emit Meters(json); }
+// QtDBus relays a signal only from the object's own thread; queued calls keep their order.
+void FakeDesk::sendMeters(const QString& json) {
+    QMetaObject::invokeMethod(this, [this, json] { emit Meters(json); }, Qt::QueuedConnection);
+}
 
 std::vector<FakeDesk::Call> FakeDesk::calls() const {
     QMutexLocker lock(&mutex_);
