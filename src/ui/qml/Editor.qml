@@ -20,9 +20,17 @@ Pane {
             font.bold: true
         }
 
+        ResponseCurve {
+            Layout.fillWidth: true
+            Layout.preferredHeight: 170
+            Layout.minimumHeight: 96
+            route: editor.route
+        }
+
         RowLayout {
             Layout.fillWidth: true
-            Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
+            Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 130 : 170
+            Layout.minimumHeight: 64
             spacing: 10
             Repeater {
                 model: 10
