@@ -193,29 +193,22 @@ TEST_F(StoreResponse, TheAILayerIsWhatItAddsToTheUsersBandsAndNothingWhenAITuneI
     store->requestBandGain(4, -2.0, id, false); // 500 Hz
     const std::vector<double> hz{500.0, 16000.0, 3000.0};
 
-    // Off: no layer at all, and the user's bands are the whole ten-band stage.
-    auto off = curveOf(id, 0, hz);
-    for (std::size_t i = 0; i < hz.size(); ++i) {
-        EXPECT_EQ(off.aiDb[i], 0.0);
-        EXPECT_NEAR(off.userDb[i] + off.correctionDb[i] + off.parametricDb[i], off.totalDb[i], 1e-12);
-    }
-
+    const auto off = curveOf(id, 0, hz);
     // +5 dB on a band at +10 plays only up to the band range's +12: the layer is the 2 dB heard.
     restoreWithAILayer(id, {0, 0, 0, 0, 3, 0, 0, 0, 0, 5});
-    auto on = curveOf(id, 0, hz);
+    const auto on = curveOf(id, 0, hz);
     auto bandsDb = [&](double at500, double at16k, double f) {
         const auto& q = qVector(GenrePreset::flat);
         return peakingResponseDb(500, at500, q[4], f, rate) + peakingResponseDb(16000, at16k, q[9], f, rate);
     };
     for (std::size_t i = 0; i < hz.size(); ++i) {
+        EXPECT_EQ(off.aiDb[i], 0.0) << "a layer while AI Tune is off";
         EXPECT_NEAR(on.userDb[i], bandsDb(-2, 10, hz[i]), 1e-6) << hz[i];
+        EXPECT_NEAR(off.userDb[i], on.userDb[i], 1e-12) << "the layer changed the user's own trace";
         EXPECT_NEAR(on.aiDb[i], bandsDb(1, 12, hz[i]) - bandsDb(-2, 10, hz[i]), 1e-6) << hz[i];
-    }
-    EXPECT_NEAR(on.aiDb[1], 2.0, 0.01);
-    for (std::size_t i = 0; i < hz.size(); ++i) {
-        EXPECT_NEAR(on.userDb[i], off.userDb[i], 1e-12) << "the layer changed the user's own trace";
         EXPECT_NEAR(on.userDb[i] + on.aiDb[i] + on.correctionDb[i] + on.parametricDb[i], on.totalDb[i], 1e-9);
     }
+    EXPECT_NEAR(on.aiDb[1], 2.0, 0.01);
 }
 
 TEST_F(StoreResponse, BypassedStagesDrawFlatAndTheImportedEQKeepsItsPreamp) {
