@@ -172,8 +172,8 @@ ColumnLayout {
             ctx.rect(padLeft, padTop, plotRight - padLeft, plotBottom - padTop)
             ctx.clip()
             for (let t = 0; t < graph.traces.length; ++t) {
-                const spec = graph.traces[t]
-                if (graph.isPresent(spec.key) && !graph.hidden[spec.key]) trace(ctx, graph.curve[spec.key], spec.color, 1.25)
+                const layer = graph.traces[t]
+                if (graph.isPresent(layer.key) && !graph.hidden[layer.key]) trace(ctx, graph.curve[layer.key], layer.color, 1.25)
             }
             trace(ctx, graph.curve.totalDb, graph.accent, 2.5)
             ctx.restore()
