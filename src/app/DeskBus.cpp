@@ -10,6 +10,7 @@
 #include "app/RouteEdits.hpp"
 #include "core/audio/ProcessCategory.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
+#include "core/dsp/RouteResponse.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 #include "core/io/AutoEqParser.hpp"
 #include "core/io/JsonCodecs.hpp"
@@ -474,6 +475,23 @@ QString DeskBus::AITuneState(const QString& route) {
                  {"tweaksDb", r->aiTuneTweaksDb},
                  {"lockedBands", locked},
                  {"reasons", reasons}});
+}
+
+QString DeskBus::ResponseCurve(const QString& route, int channel) {
+    auto id = routeOrFail(route);
+    if (!id) return {};
+    try {
+        const auto curve = service_.store()->responseCurve(*id, channel, RouteResponse::displayFrequencies());
+        return text({{"frequenciesHz", curve->frequenciesHz},
+                     {"userDb", curve->userDb},
+                     {"aiDb", curve->aiDb},
+                     {"correctionDb", curve->correctionDb},
+                     {"parametricDb", curve->parametricDb},
+                     {"totalDb", curve->totalDb}});
+    } catch (const std::out_of_range& e) {
+        invalid(e.what());
+        return {};
+    }
 }
 
 void DeskBus::transport(const QString& route, Transport what) {

@@ -189,13 +189,19 @@ void DeskConnection::setEQBypassed(const QString& route, bool bypassed) { call("
 void DeskConnection::setCorrectionBypassed(const QString& route, bool bypassed) {
     call("SetCorrectionBypassed", {route, bypassed});
 }
-QVariantMap DeskConnection::aiTuneState(const QString& route) {
-    auto message = QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName,
-                                                  "AITuneState");
-    message << route;
+QVariantMap DeskConnection::query(const char* method, const QVariantList& arguments) {
+    auto message =
+        QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName, method);
+    message.setArguments(arguments);
     const QDBusMessage reply = bus_.call(message, QDBus::Block, callTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage) return {};
     return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).object().toVariantMap();
+}
+
+QVariantMap DeskConnection::aiTuneState(const QString& route) { return query("AITuneState", {route}); }
+
+QVariantMap DeskConnection::responseCurve(const QString& route, int channel) {
+    return query("ResponseCurve", {route, channel});
 }
 
 void DeskConnection::setBandAILocked(const QString& route, int band, bool locked) {

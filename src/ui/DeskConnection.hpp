@@ -78,6 +78,9 @@ public:
     // What AI Tune hears and proposes on a route (asked when the editor shows it).
     Q_INVOKABLE QVariantMap aiTuneState(const QString& route);
     Q_INVOKABLE void setBandAILocked(const QString& route, int band, bool locked);
+    // How the route's equalisers shape one channel: frequenciesHz, userDb, aiDb, correctionDb,
+    // parametricDb and totalDb (lists of equal length); empty when the desk refuses or is away.
+    Q_INVOKABLE QVariantMap responseCurve(const QString& route, int channel);
     // `mode`: "off", "auto" or "on".
     Q_INVOKABLE void addRoute(const QString& bundleID, const QString& displayName, const QString& mode);
     Q_INVOKABLE void removeRoute(const QString& route);
@@ -112,6 +115,8 @@ private slots:
 
 private:
     bool call(const char* method, const QVariantList& arguments);
+    // A method that answers with a JSON object, waited for (reads only).
+    QVariantMap query(const char* method, const QVariantList& arguments);
     void readAll();
     void apply(const QString& name, const QVariant& value);
     void setReachable(bool reachable, const QString& problem);

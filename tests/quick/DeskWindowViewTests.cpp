@@ -162,6 +162,38 @@ TEST_F(DeskView, AddListsWhatPlaysWithItsCategoryAndAddsItInTheChosenDefaultMode
     EXPECT_EQ(added->arguments, (QVariantList{"firefox", "Firefox", "", "auto"}));
 }
 
+TEST_F(DeskView, TheCurveIsAskedForOncePerEditBurstNeverForMetersAndFollowsTheOffsetsChannel) {
+    ASSERT_TRUE(eventually([&] { return fake->count("ResponseCurve") >= 1; }));
+    EXPECT_EQ(fake->last("ResponseCurve")->arguments, (QVariantList{first.id, 0}));
+    QTest::qWait(100);
+    fake->clearCalls();
+
+    for (int i = 1; i <= 30; ++i)
+        fake->sendMeters(QString(R"([{"id":"%1","inputPeak":%2,"outputPeak":%2}])").arg(first.id).arg(0.02 * i));
+    QTest::qWait(300);
+    EXPECT_EQ(fake->count("ResponseCurve"), 0) << "meters never redraw the curve";
+
+    // A burst of route changes, as a drag makes: one question.
+    for (double gain : {1.0, 2.0, 3.0}) {
+        first.muted = gain > 2;
+        fake->set("Routes", routesJSON({first, second}));
+    }
+    ASSERT_TRUE(eventually([&] { return fake->count("ResponseCurve") >= 1; }));
+    QTest::qWait(200);
+    EXPECT_LE(fake->count("ResponseCurve"), 2);
+
+    // Opening the right channel's offsets draws that channel.
+    QQuickItem* curve = item("responseCurve");
+    ASSERT_TRUE(curve);
+    QObject* offsets = nullptr;
+    for (QObject* o : window->findChildren<QObject*>())
+        if (o->property("channelNames").isValid()) offsets = o;
+    ASSERT_TRUE(offsets);
+    offsets->setProperty("visible", true);
+    offsets->setProperty("channel", 1);
+    ASSERT_TRUE(eventually([&] { return fake->last("ResponseCurve") && fake->last("ResponseCurve")->arguments.value(1).toInt() == 1; }));
+}
+
 TEST_F(DeskView, EveryDialogOpensWithoutAWarning) {
     for (const char* name : {"addDialog", "settingsDialog", "onboarding", "removeDialog"}) {
         QObject* dialog = object(name);

@@ -120,6 +120,12 @@ QString FakeDesk::AITuneState(const QString& r) {
     record("AITuneState", {r});
     return QStringLiteral("{}");
 }
+QString FakeDesk::ResponseCurve(const QString& r, int channel) {
+    record("ResponseCurve", {r, channel});
+    return QStringLiteral(R"({"frequenciesHz":[20,1000,20000],"userDb":[0,6,0],"aiDb":[0,0,0],)"
+                          R"("correctionDb":[0,0,0],"parametricDb":[0,0,0],"totalDb":[0,6,0]})");
+}
+
 QString FakeDesk::SaveLayout(const QString& n, const QString& d) {
     record("SaveLayout", {n, d});
     return QStringLiteral("00000000-0000-4000-8000-000000000096");

@@ -82,6 +82,8 @@ public slots:
     void SetAITune(const QString& route, const QString& scope);
     void SetBandAILocked(const QString& route, int band, bool locked);
     QString AITuneState(const QString& route);
+    // A flat curve but for +6 dB at 1 kHz in the user's trace.
+    QString ResponseCurve(const QString& route, int channel);
     QString SaveLayout(const QString& name, const QString& deviceUID);
     void ApplyLayout(const QString& layout);
     void DeleteLayout(const QString& layout);

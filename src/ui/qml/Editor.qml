@@ -42,9 +42,18 @@ Pane {
                 PresetBar { route: editor.route }
             }
 
+            ResponseCurve {
+                objectName: "responseCurve"
+                Layout.fillWidth: true
+                Layout.preferredHeight: 170
+                route: editor.route
+                // The channel whose offsets are open, else the first.
+                channel: offsets.visible ? offsets.channel : 0
+            }
+
             RowLayout {
                 Layout.fillWidth: true
-                Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
+                Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 170 : 210
                 spacing: 10
                 Repeater {
                     model: 10
@@ -144,6 +153,7 @@ Pane {
                 Accessible.name: qsTr("Show per-channel offsets")
             }
             ChannelOffsets {
+                id: offsets
                 Layout.fillWidth: true
                 visible: moreToggle.checked
                 route: editor.route
