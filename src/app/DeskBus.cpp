@@ -153,6 +153,7 @@ void DeskBus::announce(RouteStore::Change change) {
     case RouteStore::Change::processes: pending_.insert("Processes"); break;
     case RouteStore::Change::devices: pending_.insert("Devices"); break;
     case RouteStore::Change::presets: pending_.insert("Presets"); break;
+    case RouteStore::Change::deck: pending_.insert("Deck"); break;
     case RouteStore::Change::layouts:
         pending_.insert("Layouts");
         pending_.insert("ActiveLayout");
@@ -163,7 +164,7 @@ void DeskBus::announce(RouteStore::Change change) {
 
 void DeskBus::announceAll() {
     for (const char* name : {"Routes", "Processes", "Devices", "Presets", "Layouts", "SelectedRoute", "ActiveLayout",
-                             "Connected"})
+                             "Connected", "Deck"})
         pending_.insert(name);
     if (!announceTimer_.isActive()) announceTimer_.start();
 }
@@ -497,7 +498,9 @@ QString DeskBus::ResponseCurve(const QString& route, int channel) {
 void DeskBus::transport(const QString& route, Transport what) {
     auto id = routeOrFail(route);
     if (!id) return;
-    const std::string bundle = service_.store()->route(*id)->bundleID;
+    const AppRoute* r = service_.store()->route(*id);
+    if (r->kind == RouteKind::localPlayer) return deckTransport(what);
+    const std::string bundle = r->bundleID;
     if (!forwardTransport || !forwardTransport(bundle, what))
         fail(toQ(bundle) + " has no media player on the session bus to take that");
 }

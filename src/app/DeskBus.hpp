@@ -36,6 +36,8 @@ class DeskBus : public QObject, protected QDBusContext {
     Q_PROPERTY(QString SelectedRoute READ selectedRoute)
     Q_PROPERTY(QString ActiveLayout READ activeLayout)
     Q_PROPERTY(bool Connected READ connected)
+    // The player deck as JSON: state, track, position, duration, repeat, shuffle and the queue.
+    Q_PROPERTY(QString Deck READ deck)
 
 public:
     static constexpr const char* serviceName = "com.tarn.Desk";
@@ -62,6 +64,7 @@ public:
     QString selectedRoute() const;
     QString activeLayout() const;
     bool connected() const { return service_.isConnected(); }
+    QString deck() const;
 
 public slots:
     QString AddRoute(const QString& bundleID, const QString& displayName, const QString& deviceUID,
@@ -115,6 +118,20 @@ public slots:
     // A layout's id or name.
     void ApplyLayout(const QString& layout);
     void DeleteLayout(const QString& layout);
+    // The player deck. Paths must be absolute (the desk does not share the caller's folder).
+    // Returns how many files were queued.
+    int DeckOpen(const QStringList& paths, bool append);
+    // A queue index, or -1 to resume or start the queue.
+    void DeckPlay(int index);
+    void DeckPause();
+    void DeckStop();
+    void DeckNext();
+    void DeckPrevious();
+    void DeckSeek(double seconds);
+    void DeckMove(int from, int to);
+    // "off", "all" or "one".
+    void DeckSetRepeat(const QString& repeat);
+    void DeckSetShuffle(bool on);
     // Meters are sent while at least one client wants them; a client that leaves the bus stops
     // wanting them.
     void WatchMeters(bool on);
@@ -131,6 +148,10 @@ private:
     bool checkBand(int band);
     bool checkText(const char* name, const QString& text);
     void transport(const QString& route, Transport what);
+    void deckTransport(Transport what);
+    // Runs a deck operation, turning what the store throws into the caller's error.
+    template <typename Operation>
+    void onDeck(Operation&& operation);
     void announce(RouteStore::Change change);
     void announceAll();
     void flushAnnouncements();

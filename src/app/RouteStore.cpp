@@ -16,7 +16,7 @@ RouteStore::RouteStore(AudioPlatform& platform, MainQueue& mainQueue, Preference
       presets_(preferences_), discovery_(platform, mainQueue, options_.clock), devices_(platform, mainQueue),
       glides_(mainQueue, [this](const UUID& id) { return dspChain(id); }),
       aiTune_(preferences_, options_.songMemory), layouts_(preferences_), aiTimer_(mainQueue), autoPollTimer_(mainQueue),
-      healthTimer_(mainQueue), saveTimer_(mainQueue) {
+      healthTimer_(mainQueue), saveTimer_(mainQueue), deckTimer_(mainQueue) {
     // The end of a glide lets the save it held back go ahead.
     glides_.onSettled = [this] { scheduleStatePersist(); };
     presets_.setObserver([this](const std::vector<EQPreset>&) { changed(Change::presets); });
@@ -27,6 +27,7 @@ RouteStore::~RouteStore() {
     devices_.onChange = nullptr;
     if (saveTimer_.isActive() || glides_.isInFlight()) persistStateNow();
     liveRoutes_.clear(); // the applications go back to their normal output
+    deck_.reset();
 }
 
 // ---- state -----------------------------------------------------------------------------------
@@ -41,6 +42,7 @@ AppRoute* RouteStore::mutableRoute(const UUID& id) { return const_cast<AppRoute*
 const std::vector<OutputDeviceInfo>& RouteStore::outputDevices() const { return devices_.entries(); }
 
 RouteDSPChain* RouteStore::dspChain(const UUID& id) const {
+    if (deck_ && deck_->chain() && isDeckRoute(id)) return deck_->chain().get();
     auto it = liveRoutes_.find(id);
     return it != liveRoutes_.end() && it->second->isRunning() ? it->second->chain().get() : nullptr;
 }
@@ -265,8 +267,9 @@ std::optional<RouteResponseCurve> RouteStore::responseCurve(const UUID& id, int 
 bool RouteStore::startAudio(const UUID& id, bool forceRestart) {
     AppRoute* r = mutableRoute(id);
     if (!r) return false;
-    if (r->kind != RouteKind::appTap) {
-        setError(id, std::string("the player deck cannot play yet"));
+    if (r->kind == RouteKind::localPlayer) {
+        // The deck plays when it is told to; its route only says where.
+        placeDeck();
         return true;
     }
     auto it = liveRoutes_.find(id);
@@ -384,6 +387,7 @@ void RouteStore::markStopped(const UUID& id) {
 bool RouteStore::stopAudio(const UUID& id) {
     AppRoute* r = mutableRoute(id);
     if (!r) return false;
+    if (r->kind == RouteKind::localPlayer && deck_) deck_->stop();
     liveRoutes_.erase(id);
     markStopped(id);
     // What the engine reported no longer holds once it is gone.

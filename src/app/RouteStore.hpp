@@ -28,6 +28,7 @@
 #include "core/io/PresetStore.hpp"
 #include "core/models/AppRoute.hpp"
 #include "core/models/EQPreset.hpp"
+#include "player/DeckPlayback.hpp"
 
 namespace tarn {
 
@@ -62,7 +63,7 @@ public:
     static constexpr double verifiedInputPeak = 1.0e-4;
 
     // What changed, for observers (views redraw that part).
-    enum class Change { routes, selection, processes, devices, liveEngines, errors, broadcastPaused, layouts, presets };
+    enum class Change { routes, selection, processes, devices, liveEngines, errors, broadcastPaused, layouts, presets, deck };
 
     struct Options {
         UptimeClock clock;
@@ -183,6 +184,31 @@ public:
     // An application's player reports paused (true) or playing (false).
     void setBroadcastPaused(const std::string& bundleID, bool paused);
 
+    // ---- the player deck ----
+    // How often the deck is looked after while it plays (track changes, the end of the queue).
+    static constexpr double deckPollSeconds = 0.1;
+    // The deck's route ("Player deck"), made the first time the deck is used.
+    UUID deckRoute();
+    // Files and folders (every audio file in them, by name, folders within folders too), in
+    // order; `append` keeps the queue and adds to it. Throws std::invalid_argument naming what
+    // is neither a file nor a folder, or when nothing playable is given.
+    std::size_t deckOpen(const std::vector<std::filesystem::path>& paths, bool append);
+    // Entry `index`, or resume, or the queue's start. False when nothing could be played; throws
+    // std::runtime_error (the output's refusal) when the device does not take the output.
+    bool deckPlay(std::optional<int> index = std::nullopt);
+    void deckPause();
+    void deckStop();
+    bool deckNext();
+    bool deckPrevious();
+    void deckSeek(double seconds);
+    void deckMove(int from, int to);
+    void deckSetRepeat(DeckPlayback::Repeat repeat);
+    void deckSetShuffle(bool on);
+    // Null until the deck is first used.
+    const DeckPlayback* deck() const { return deck_.get(); }
+    // The extensions a folder's files are queued by.
+    static bool isPlayableFile(const std::filesystem::path& path);
+
     // ---- desk layouts ----
     const std::vector<DeskLayout>& layouts() const { return layouts_.layouts(); }
     // The desk as it is now, as a layout; bound to a device, it comes back whenever that
@@ -239,6 +265,13 @@ private:
     void updateHealthChecks();
     void restorePersistedState();
     void glideBandsToRoute(const AppRoute& route);
+    DeckPlayback& ensureDeck();
+    void pollDeck();
+    void placeDeck();
+    bool isDeckRoute(const UUID& id) const {
+        const AppRoute* r = route(id);
+        return r && r->kind == RouteKind::localPlayer;
+    }
 
     AudioPlatform& platform_;
     MainQueue& mainQueue_;
@@ -274,6 +307,10 @@ private:
     QueueTimer autoPollTimer_;
     QueueTimer healthTimer_;
     QueueTimer saveTimer_;
+    QueueTimer deckTimer_;
+    std::unique_ptr<DeckPlayback> deck_;
+    DeckPlayback::State lastDeckState_ = DeckPlayback::State::stopped;
+    int lastDeckTrack_ = -1;
     bool isRestoringState_ = false;
     std::optional<std::string> lastWrittenBytes_;
     bool setAsideBeforeSave_ = false;

@@ -92,6 +92,7 @@ bool RouteStore::setOutputDevice(const UUID& id, std::optional<std::string> devi
     r->targetOutputDeviceID = deviceUID;
     r->targetOutputStreamIndex = streamIndex;
     editRoute(id);
+    if (r->kind == RouteKind::localPlayer) placeDeck();
     // A paused route takes the new place when it resumes.
     if (auto it = liveRoutes_.find(id); it != liveRoutes_.end()) {
         auto move = it->second->setPlacement({deviceUID, streamIndex, true});

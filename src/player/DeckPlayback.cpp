@@ -11,6 +11,7 @@
 #include "core/audio/AudioRingBuffer.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "player/AudioFileDecoder.hpp"
+#include "player/Resampler.hpp"
 
 namespace tarn {
 
@@ -20,6 +21,11 @@ namespace {
 constexpr auto workerIdle = std::chrono::milliseconds(5);
 
 std::string fileName(const std::filesystem::path& path) { return path.filename().string(); }
+
+std::optional<double> secondsOf(const AudioFileDecoder& decoder) {
+    const auto frames = decoder.estimatedFrameCount();
+    return frames ? std::optional<double>(double(*frames) / decoder.sampleRate()) : std::nullopt;
+}
 
 } // namespace
 
@@ -113,7 +119,7 @@ std::uint64_t DeckPlayback::playedFrames() const {
 
 // Opens queue entry `index` for the output's start (worker stopped), skipping entries that
 // cannot be decoded. The format of what opens decides the output's.
-bool DeckPlayback::load(int index, std::int64_t startFrame) {
+bool DeckPlayback::load(int index, double startSeconds) {
     std::size_t tried = 0;
     std::optional<int> candidate = index;
     while (candidate && tried++ < queue_.size()) {
@@ -124,36 +130,54 @@ bool DeckPlayback::load(int index, std::int64_t startFrame) {
         }
         try {
             auto decoder = std::make_unique<AudioFileDecoder>(path);
-            if (startFrame > 0) decoder->seek(startFrame);
-            const int rate = decoder->sampleRate(), channels = decoder->channelCount();
+            const int fileRate = decoder->sampleRate(), channels = decoder->channelCount();
+            if (startSeconds > 0) decoder->seek(std::int64_t(startSeconds * fileRate + 0.5));
+            const int ringRate = outputRate_ > 0 ? outputRate_ : fileRate;
+            auto resampler = fileRate != ringRate ? std::make_unique<Resampler>(channels, fileRate, ringRate) : nullptr;
             if (channels != channelCount_ || !chain_) {
                 chain_ = chainFactory_(channels);
                 ring_ = std::make_shared<AudioRingBuffer>(channels, ringFrames);
                 renderer_.reset();
+                sampleRate_ = 0;
             } else if (ring_) {
                 ring_->reset();
             }
-            if (rate != sampleRate_ || !renderer_) {
+            if (ringRate != sampleRate_ || !renderer_) {
                 renderer_.reset();
-                chain_->rebuild(rate);
+                chain_->rebuild(ringRate);
             }
-            sampleRate_ = rate;
+            sampleRate_ = ringRate;
             channelCount_ = channels;
-            trackFrames_ = decoder->estimatedFrameCount();
+            fileRate_ = fileRate;
             std::lock_guard lock(mutex_);
-            durations_[std::size_t(*candidate)] = trackFrames_;
+            durations_[std::size_t(*candidate)] = secondsOf(*decoder);
             decoder_ = std::move(decoder);
+            resampler_ = std::move(resampler);
             decodingIndex_ = *candidate;
-            boundaries_ = {{ring_->totalFramesWritten(), *candidate, startFrame}};
+            boundaries_ = {{ring_->totalFramesWritten(), *candidate, startSeconds}};
             return true;
-        } catch (const AudioFileDecoder::Error& e) {
+        } catch (const std::runtime_error& e) {
             note(fmt::format("skipped {}: {}", fileName(path), e.what()));
             std::lock_guard lock(mutex_);
             candidate = nextIndex(*candidate, true);
-            startFrame = 0;
+            startSeconds = 0;
         }
     }
     return false;
+}
+
+std::int64_t DeckPlayback::blockRoom() const {
+    const double ratio = resampler_ ? double(sampleRate_) / fileRate_ : 1.0;
+    return std::int64_t(decodeBlockFrames * ratio) + 64;
+}
+
+void DeckPlayback::feed(const float* interleaved, int frames) {
+    if (!resampler_) {
+        ring_->write(interleaved, frames);
+        return;
+    }
+    const auto& converted = resampler_->process(interleaved, frames);
+    ring_->write(converted.data(), std::int64_t(converted.size()) / channelCount_);
 }
 
 void DeckPlayback::startOutput() {
@@ -179,13 +203,13 @@ void DeckPlayback::startWorker() {
     std::vector<float> block(std::size_t(decodeBlockFrames) * std::size_t(channelCount_));
     int prefilled = 0;
     try {
-        while (prefilled < prefillFrames) {
+        while (prefilled < prefillFrames && ring_->availableFramesToWrite() >= blockRoom()) {
             const int n = decoder_->read(block.data(), decodeBlockFrames);
             if (n <= 0) break;
-            ring_->write(block.data(), n);
+            feed(block.data(), n);
             prefilled += n;
         }
-    } catch (const AudioFileDecoder::Error&) {
+    } catch (const std::runtime_error&) {
         // The worker meets the same damage at once and skips the file with its message.
     }
     worker_ = std::thread([this] { decodeLoop(); });
@@ -199,20 +223,19 @@ void DeckPlayback::stopWorker() {
 void DeckPlayback::decodeLoop() {
     std::vector<float> block(std::size_t(decodeBlockFrames) * std::size_t(channelCount_));
     while (!stopRequested_) {
-        if (ring_->availableFramesToWrite() < decodeBlockFrames) {
+        if (ring_->availableFramesToWrite() < blockRoom()) {
             std::this_thread::sleep_for(workerIdle);
             continue;
         }
         int n = 0;
         try {
             n = decoder_->read(block.data(), decodeBlockFrames);
-        } catch (const AudioFileDecoder::Error& e) {
+            if (n > 0) feed(block.data(), n);
+        } catch (const std::runtime_error& e) {
             note(fmt::format("skipped the rest of {}: {}", fileName(decoder_->path()), e.what()));
+            n = 0;
         }
-        if (n > 0) {
-            ring_->write(block.data(), n);
-            continue;
-        }
+        if (n > 0) continue;
         // The track is over: the next one goes straight after it in the ring when it has the
         // same format; otherwise the output restarts for it once this one has played out.
         std::optional<int> next;
@@ -233,23 +256,35 @@ void DeckPlayback::decodeLoop() {
             }
             try {
                 auto decoder = std::make_unique<AudioFileDecoder>(path);
-                if (decoder->sampleRate() != sampleRate_ || decoder->channelCount() != channelCount_) {
+                // Another channel count needs another output; another rate only another resampler
+                // (the one that ends gives what it still holds first), unless the ring's rate came
+                // from the files alone.
+                if (decoder->channelCount() != channelCount_ ||
+                    (decoder->sampleRate() != fileRate_ && outputRate_ == 0)) {
                     formatChangeIndex_ = *next;
                     return;
                 }
+                if (decoder->sampleRate() != fileRate_) {
+                    if (resampler_) feed(nullptr, 0);
+                    resampler_ = decoder->sampleRate() != sampleRate_
+                                     ? std::make_unique<Resampler>(channelCount_, decoder->sampleRate(), sampleRate_)
+                                     : nullptr;
+                    fileRate_ = decoder->sampleRate();
+                }
                 std::lock_guard lock(mutex_);
-                durations_[std::size_t(*next)] = decoder->estimatedFrameCount();
+                durations_[std::size_t(*next)] = secondsOf(*decoder);
                 decoder_ = std::move(decoder);
                 decodingIndex_ = *next;
                 boundaries_.push_back({ring_->totalFramesWritten(), *next, 0});
                 break;
-            } catch (const AudioFileDecoder::Error& e) {
+            } catch (const std::runtime_error& e) {
                 note(fmt::format("skipped {}: {}", fileName(path), e.what()));
                 std::lock_guard lock(mutex_);
                 next = nextIndex(*next, true);
             }
         }
         if (!next) {
+            if (resampler_) feed(nullptr, 0);
             queueEnded_ = true;
             return;
         }
@@ -269,7 +304,7 @@ bool DeckPlayback::play(std::optional<int> index) {
         if (queue_.empty()) return false;
         start = index ? std::clamp(*index, 0, int(queue_.size()) - 1) : order_.front();
     }
-    if (!load(start, 0)) return false;
+    if (!load(start, 0.0)) return false;
     startWorker();
     startOutput();
     return true;
@@ -286,6 +321,7 @@ void DeckPlayback::stop() {
     stopWorker();
     if (ring_) ring_->reset();
     decoder_.reset();
+    resampler_.reset();
     std::lock_guard lock(mutex_);
     boundaries_.clear();
     decodingIndex_ = -1;
@@ -328,22 +364,20 @@ bool DeckPlayback::previous() {
 
 void DeckPlayback::seek(double seconds) {
     const Status now = status();
-    if (now.trackIndex < 0 || sampleRate_ <= 0) return;
-    std::int64_t frame = std::max<std::int64_t>(0, std::int64_t(seconds * sampleRate_ + 0.5));
-    if (now.durationSeconds > 0) frame = std::min<std::int64_t>(frame, std::int64_t(now.durationSeconds * sampleRate_));
+    if (now.trackIndex < 0) return;
+    seconds = std::max(seconds, 0.0);
+    if (now.durationSeconds > 0) seconds = std::min(seconds, now.durationSeconds);
+    restartAt(now.trackIndex, seconds);
+}
+
+// The same track from `seconds`, the output as it was (playing or paused).
+void DeckPlayback::restartAt(int index, double seconds) {
     const State was = state_;
     stopOutput();
     stopWorker();
-    if (decodingIndex_ != now.trackIndex || !decoder_) {
-        if (!load(now.trackIndex, frame)) {
-            stop();
-            return;
-        }
-    } else {
-        ring_->reset();
-        decoder_->seek(frame);
-        std::lock_guard lock(mutex_);
-        boundaries_ = {{ring_->totalFramesWritten(), now.trackIndex, frame}};
+    if (!load(index, seconds)) {
+        stop();
+        return;
     }
     startWorker();
     if (was == State::playing) startOutput();
@@ -362,13 +396,20 @@ DeckPlayback::Status DeckPlayback::status() const {
     for (const auto& b : boundaries_)
         if (b.ringFrame <= played) current = &b;
     s.trackIndex = current->trackIndex;
-    s.positionSeconds = double(current->fileFrame + std::int64_t(played - current->ringFrame)) / sampleRate_;
+    s.positionSeconds = current->startSeconds + double(played - current->ringFrame) / sampleRate_;
     if (current->trackIndex >= 0 && std::size_t(current->trackIndex) < durations_.size() && durations_[std::size_t(current->trackIndex)])
-        s.durationSeconds = double(*durations_[std::size_t(current->trackIndex)]) / sampleRate_;
+        s.durationSeconds = *durations_[std::size_t(current->trackIndex)];
     return s;
 }
 
 std::vector<std::string> DeckPlayback::poll() {
+    // The server runs the graph at another rate than the ring: the same place again, resampled.
+    if (renderer_ && state_ == State::playing)
+        if (auto graph = renderer_->graphRate(); graph && int(*graph) != sampleRate_ && *graph > 0) {
+            outputRate_ = int(*graph);
+            const Status now = status();
+            if (now.trackIndex >= 0) restartAt(now.trackIndex, now.positionSeconds);
+        }
     const bool playedOut = ring_ && ring_->availableFramesToRead() == 0;
     if (state_ == State::playing && playedOut && formatChangeIndex_ >= 0) {
         const int next = formatChangeIndex_;

@@ -18,12 +18,15 @@ namespace tarn {
 class AudioFileDecoder;
 class AudioOutputRenderer;
 class AudioRingBuffer;
+class Resampler;
 class RouteDSPChain;
 
 // The player deck's sound: a queue of local files decoded on a worker thread into a ring, and a
-// renderer that runs the route's chain on the ring at the file's own rate and plays it on one
-// output device. Tracks of the same rate and channel count follow each other in the ring with
-// nothing in between (gapless); a change of format restarts the output between the two tracks.
+// renderer that runs the route's chain on the ring and plays it on one output device. The ring
+// runs at the rate the output's graph runs at: a file of that rate plays bit for bit, another is
+// resampled on the worker (the first file sets the rate until the server says what it runs at).
+// Tracks follow each other in the ring with nothing in between (gapless); a change of channel
+// count restarts the output between the two tracks.
 // A file that cannot be decoded is skipped, with a message, and the queue goes on.
 //
 // Control thread only, except the worker it owns. The owner calls `poll()` a few times a second
@@ -99,10 +102,15 @@ private:
     struct Boundary {
         std::uint64_t ringFrame; // the ring's running total where the track's audio begins
         int trackIndex;
-        std::int64_t fileFrame;  // the file frame at that point
+        double startSeconds;     // where in the track that is
     };
 
-    bool load(int index, std::int64_t startFrame);
+    bool load(int index, double startSeconds);
+    // Hands decoded frames to the ring, through the resampler when the file's rate is not the ring's.
+    void feed(const float* interleaved, int frames);
+    // Room the ring needs for one decoded block once resampled.
+    std::int64_t blockRoom() const;
+    void restartAt(int index, double seconds);
     void startWorker();
     void stopWorker();
     void startOutput();
@@ -123,15 +131,18 @@ private:
     bool shuffle_ = false;
     State state_ = State::stopped;
 
-    int sampleRate_ = 0;
+    int sampleRate_ = 0;   // the ring's and the output's rate
     int channelCount_ = 0;
-    std::optional<std::int64_t> trackFrames_;
+    int fileRate_ = 0;     // the rate of the file being decoded (the worker's while it runs)
+    // The graph's rate once the server has said it; until then the first file's.
+    int outputRate_ = 0;
     std::shared_ptr<RouteDSPChain> chain_;
     std::shared_ptr<AudioRingBuffer> ring_;
     std::unique_ptr<AudioOutputRenderer> renderer_;
 
     // Shared with the worker.
     std::unique_ptr<AudioFileDecoder> decoder_; // the worker's while it runs
+    std::unique_ptr<Resampler> resampler_;     // likewise; none when the rates agree
     int decodingIndex_ = -1;
     std::thread worker_;
     std::atomic<bool> stopRequested_{false};
@@ -140,7 +151,7 @@ private:
     mutable std::mutex mutex_; // boundaries, messages, durations
     std::vector<Boundary> boundaries_;
     std::vector<std::string> messages_;
-    std::vector<std::optional<std::int64_t>> durations_; // per queue entry, once opened
+    std::vector<std::optional<double>> durations_; // seconds, per queue entry, once opened
 };
 
 } // namespace tarn

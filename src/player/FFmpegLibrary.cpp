@@ -36,6 +36,7 @@ FFmpegLibrary::FFmpegLibrary() {
     void* util = openLibrary(fmt::format("libavutil.so.{}", LIBAVUTIL_VERSION_MAJOR));
     void* codec = openLibrary(fmt::format("libavcodec.so.{}", LIBAVCODEC_VERSION_MAJOR));
     void* format = openLibrary(fmt::format("libavformat.so.{}", LIBAVFORMAT_VERSION_MAJOR));
+    void* resample = openLibrary(fmt::format("libswresample.so.{}", LIBSWRESAMPLE_VERSION_MAJOR));
 
 #define TARN_RESOLVE(lib, name) resolve(lib, #name, name)
     TARN_RESOLVE(format, avformat_open_input);
@@ -60,6 +61,12 @@ FFmpegLibrary::FFmpegLibrary() {
     TARN_RESOLVE(util, av_strerror);
     TARN_RESOLVE(util, av_log_set_level);
     TARN_RESOLVE(util, av_rescale_q);
+    TARN_RESOLVE(util, av_channel_layout_default);
+    TARN_RESOLVE(resample, swr_alloc_set_opts2);
+    TARN_RESOLVE(resample, swr_init);
+    TARN_RESOLVE(resample, swr_convert);
+    TARN_RESOLVE(resample, swr_get_out_samples);
+    TARN_RESOLVE(resample, swr_free);
 #undef TARN_RESOLVE
 
     // FFmpeg writes its own diagnostics to stderr; every failure reaches the user through the

@@ -11,6 +11,8 @@ extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/log.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
 }
 
 namespace tarn {
@@ -42,6 +44,12 @@ public:
     decltype(&::av_strerror) av_strerror;
     decltype(&::av_log_set_level) av_log_set_level;
     decltype(&::av_rescale_q) av_rescale_q;
+    decltype(&::av_channel_layout_default) av_channel_layout_default;
+    decltype(&::swr_alloc_set_opts2) swr_alloc_set_opts2;
+    decltype(&::swr_init) swr_init;
+    decltype(&::swr_convert) swr_convert;
+    decltype(&::swr_get_out_samples) swr_get_out_samples;
+    decltype(&::swr_free) swr_free;
 
 private:
     FFmpegLibrary();

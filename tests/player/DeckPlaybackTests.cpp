@@ -174,6 +174,22 @@ TEST_F(DeckPlaybackTest, AnotherRateRestartsTheOutputAtThatRateBetweenTheTracks)
     EXPECT_TRUE(messages.empty());
 }
 
+TEST_F(DeckPlaybackTest, AFileAtAnotherRateThanTheGraphIsResampledToItAndKeepsItsPitch) {
+    platform.setGraphRate(48000);
+    deck.setQueue({write("44k.wav", sineSlice(1000, 0, 44100 * 2, 44100)), write("48k.wav", sineSlice(1000, 0, 48000 * 2))});
+    ASSERT_TRUE(deck.play());
+    ASSERT_TRUE(playToTheEnd());
+    ASSERT_TRUE(platform.lastOutputUnitFormat());
+    EXPECT_EQ(platform.lastOutputUnitFormat()->sampleRate, 48000) << "the output runs at the graph's rate";
+    const SoundData out{rate, 2, platform.renderedSamples(speakers)};
+    std::size_t begin = 0;
+    while (begin < out.frameCount() && out.at(begin, 0) == 0.0f) ++begin;
+    // The tone stays at 1 kHz in a 48 kHz output: resampled, not played fast.
+    EXPECT_GT(test::toneAmplitude(out, 0, 1000, begin + 48000, 24000), level * 0.9);
+    EXPECT_LT(test::toneAmplitude(out, 0, 1088, begin + 48000, 24000), level * 0.1);
+    EXPECT_NEAR(double(out.frameCount() - begin), 4 * 48000.0, 48000 * 0.25) << "both tracks, each about 2 s";
+}
+
 TEST_F(DeckPlaybackTest, NextPreviousAndRepeatMoveThroughTheQueue) {
     deck.setQueue({write("a.wav", sineSlice(500, 0, 480000)), write("b.wav", sineSlice(700, 0, 480000)),
                    write("c.wav", sineSlice(900, 0, 480000))});

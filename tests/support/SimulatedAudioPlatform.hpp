@@ -171,6 +171,15 @@ public:
 
     std::optional<std::string> ioProcFailure(IOProcHandle handle) override;
     std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) override;
+    // The graph rate started units report (none: they report none, as a platform that cannot tell).
+    void setGraphRate(std::optional<double> rate) {
+        std::lock_guard lock(mutex_);
+        graphRate_ = rate;
+    }
+    std::optional<double> outputUnitGraphRate(OutputUnitHandle unit) override {
+        std::lock_guard lock(mutex_);
+        return units_.count(unit) ? graphRate_ : std::nullopt;
+    }
 
     Status removeListener(ListenerToken token) override;
 
@@ -240,6 +249,7 @@ private:
     void startRenderRunner(OutputUnit& unit);
 
     mutable std::mutex mutex_;
+    std::optional<double> graphRate_;
     std::map<Step, Status> failures_;
     std::vector<std::string> calls_;
     std::vector<Process> processes_;

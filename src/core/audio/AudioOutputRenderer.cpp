@@ -44,6 +44,10 @@ void AudioOutputRenderer::failAndStop(StartError::Case errorCase, std::int32_t s
     throw StartError(errorCase, status);
 }
 
+std::optional<double> AudioOutputRenderer::graphRate() const {
+    return audioUnit_ ? platform_.outputUnitGraphRate(audioUnit_) : std::nullopt;
+}
+
 void AudioOutputRenderer::start(double sampleRate) {
     using Case = StartError::Case;
     if (isRunning_) return; // one unit per renderer

@@ -75,6 +75,8 @@ public:
     bool hasScratch() const { return ioScratch_ != nullptr || lastSamples_ != nullptr; }
     // Why a running output stopped by itself (the platform's reason), or none.
     std::optional<std::string> interruption() const;
+    // The rate the platform runs the output's graph at, once known (see AudioPlatform).
+    std::optional<double> graphRate() const;
     std::optional<std::uint32_t> preferredIOBufferFrames() const { return preferredIOBufferFrames_; }
     void setPreferredIOBufferFrames(std::optional<std::uint32_t> frames) { preferredIOBufferFrames_ = frames; }
     // The aggregate device of the capture whose ring this renderer plays, or none when another

@@ -156,6 +156,9 @@ public:
 
     virtual std::optional<std::string> ioProcFailure(IOProcHandle handle) { return std::nullopt; }
     virtual std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) { return std::nullopt; }
+    // The rate the server runs a started unit's graph at, once it has run a cycle; none while
+    // unknown. A producer whose rate differs (a file) resamples to it.
+    virtual std::optional<double> outputUnitGraphRate(OutputUnitHandle unit) { return std::nullopt; }
 
     // ---- I/O buffer size -------------------------------------------------------------------
     //

@@ -114,6 +114,12 @@ std::optional<std::string> PipeWirePlatform::outputUnitFailure(OutputUnitHandle 
     return side ? impl_->routes.failureOf(*side) : std::nullopt;
 }
 
+std::optional<double> PipeWirePlatform::outputUnitGraphRate(OutputUnitHandle unit) {
+    PipeWireConnection::Lock lock(*connection_);
+    auto* side = impl_->routes.unit(unit);
+    return side ? impl_->routes.graphRateOf(*side) : std::nullopt;
+}
+
 std::optional<std::string> PipeWirePlatform::ioProcFailure(IOProcHandle handle) {
     PipeWireConnection::Lock lock(*connection_);
     if (int err = connection_->connectionError()) return fmt::format("the sound server went away ({})", strerror(-err));

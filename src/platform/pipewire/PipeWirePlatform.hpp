@@ -41,6 +41,7 @@ public:
     // The failure that ended this unit or I/O procedure while it ran (its sink went away,
     // the daemon closed the connection), or none while it runs normally.
     std::optional<std::string> outputUnitFailure(OutputUnitHandle unit) override;
+    std::optional<double> outputUnitGraphRate(OutputUnitHandle unit) override;
     std::optional<std::string> ioProcFailure(IOProcHandle handle) override;
     // Graph cycles that output units missed (the clock skipped past where a cycle ended), since
     // this platform was made.

@@ -180,6 +180,11 @@ std::string PipeWireRouteNode::sideFailure(bool isCapture) const {
     return {};
 }
 
+std::optional<double> PipeWireRouteNode::graphRate() const {
+    const uint32_t rate = graphRate_.load(std::memory_order_relaxed);
+    return rate ? std::optional<double>(rate) : std::nullopt;
+}
+
 std::optional<std::string> PipeWireRouteNode::failureOf(const PipeWireRouteSide& side) const {
     if (auto text = sideFailure(side.isCapture); !text.empty()) return text;
     // The node has no resampler: its chain was designed for one rate and the graph left it.

@@ -51,6 +51,8 @@ public:
     // Why a side stopped working (the node or one of that side's links failed, or the graph left
     // the rate the route was built for), or none.
     std::optional<std::string> failureOf(const PipeWireRouteSide& side) const;
+    // The rate of the graph the node last ran in, once it has run.
+    std::optional<double> graphRate() const;
     void setLatency(uint32_t frames, double sampleRate);
 
     // Returns once a cycle that may have seen the old state of any node has finished.

@@ -133,6 +133,10 @@ void PipeWireRoutes::unpair(PipeWireRouteSide& render) {
 
 // ---- state --------------------------------------------------------------------------------------
 
+std::optional<double> PipeWireRoutes::graphRateOf(const PipeWireRouteSide& side) const {
+    return side.node ? side.node->graphRate() : std::nullopt;
+}
+
 std::optional<std::string> PipeWireRoutes::failureOf(const PipeWireRouteSide& side) const {
     return side.node ? side.node->failureOf(side) : std::nullopt;
 }

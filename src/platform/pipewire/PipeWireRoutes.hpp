@@ -55,6 +55,7 @@ public:
     void forgetSink(AudioPlatform::ObjectID sinkID);
 
     std::optional<std::string> failureOf(const PipeWireRouteSide& side) const;
+    std::optional<double> graphRateOf(const PipeWireRouteSide& side) const;
     // Graph cycles that output units missed, disposed ones included.
     uint64_t xrunCount() const;
 
