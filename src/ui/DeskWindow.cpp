@@ -17,6 +17,12 @@ std::optional<QString> DeskWindow::load() {
     if (engine_.rootObjects().isEmpty()) return QStringLiteral("the desk window could not be built");
     window_ = qobject_cast<QQuickWindow*>(engine_.rootObjects().front());
     if (!window_) return QStringLiteral("the desk window's top item is not a window");
+    // Nobody sees the meters of a hidden or minimised window: the desk need not send them.
+    const auto follow = [this](QWindow::Visibility v) {
+        desk_.setMetersWanted(v != QWindow::Hidden && v != QWindow::Minimized);
+    };
+    QObject::connect(window_, &QWindow::visibilityChanged, &desk_, follow);
+    follow(window_->visibility());
     return std::nullopt;
 }
 
