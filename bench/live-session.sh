@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Shared by the benchmarks that run Tarn live (bench/live-routes, bench/desk-window): a private
 # sound session, the desk service in it, playing applications with live routes, and the CPU a
 # process used. Sourced (not run) from the repository's root by a script that sets `tarn` (the
