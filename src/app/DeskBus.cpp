@@ -8,7 +8,9 @@
 #include <QDBusServiceWatcher>
 
 #include "app/RouteEdits.hpp"
+#include "core/audio/ProcessCategory.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
+#include "core/dsp/RouteResponse.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 #include "core/io/AutoEqParser.hpp"
 #include "core/io/JsonCodecs.hpp"
@@ -32,6 +34,11 @@ constexpr int announceCoalesceMs = 30;
 
 QString toQ(const std::string& s) { return QString::fromStdString(s); }
 QString text(const nlohmann::json& j) { return toQ(j.dump()); }
+
+// What kind of application it is, for people choosing what to route ("browser", "video", …).
+std::string categoryOf(const std::string& bundleID, const std::string& displayName) {
+    return std::string(ProcessCategory::label(ProcessCategory::kindOf(bundleID, displayName)));
+}
 
 } // namespace
 
@@ -61,6 +68,7 @@ QString DeskBus::routes() const {
     for (const auto& r : store->routes()) {
         nlohmann::json j = r;
         j["isLive"] = store->liveEngines().count(r.id) > 0;
+        j["category"] = categoryOf(r.bundleID, r.displayName);
         auto error = store->lastStartError().find(r.id);
         j["lastStartError"] =
             error == store->lastStartError().end() ? nlohmann::json(nullptr) : nlohmann::json(error->second);
@@ -80,6 +88,7 @@ QString DeskBus::processes() const {
                             {"pid", e.pid},
                             {"bundleID", e.bundleID},
                             {"displayName", e.displayName},
+                            {"category", categoryOf(e.bundleID, e.displayName)},
                             {"isRunningOutput", e.isRunningOutput}});
     return text(list);
 }
@@ -466,6 +475,23 @@ QString DeskBus::AITuneState(const QString& route) {
                  {"tweaksDb", r->aiTuneTweaksDb},
                  {"lockedBands", locked},
                  {"reasons", reasons}});
+}
+
+QString DeskBus::ResponseCurve(const QString& route, int channel) {
+    auto id = routeOrFail(route);
+    if (!id) return {};
+    try {
+        const auto curve = service_.store()->responseCurve(*id, channel, RouteResponse::displayFrequencies());
+        return text({{"frequenciesHz", curve->frequenciesHz},
+                     {"userDb", curve->userDb},
+                     {"aiDb", curve->aiDb},
+                     {"correctionDb", curve->correctionDb},
+                     {"parametricDb", curve->parametricDb},
+                     {"totalDb", curve->totalDb}});
+    } catch (const std::out_of_range& e) {
+        invalid(e.what());
+        return {};
+    }
 }
 
 void DeskBus::transport(const QString& route, Transport what) {

@@ -107,6 +107,10 @@ public slots:
     // What AI Tune hears and proposes on a route, as JSON: prominenceDb, isConfident,
     // analyzedSeconds, tweaksDb, lockedBands, reasons (ten lists).
     QString AITuneState(const QString& route);
+    // How the route's equalisers shape one channel (0 = first), as JSON over the audible range
+    // (log-spaced): frequenciesHz, userDb, aiDb, correctionDb, parametricDb, totalDb, arrays of
+    // equal length.
+    QString ResponseCurve(const QString& route, int channel);
     QString SaveLayout(const QString& name, const QString& deviceUID);
     // A layout's id or name.
     void ApplyLayout(const QString& layout);

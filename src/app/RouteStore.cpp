@@ -246,11 +246,20 @@ bool RouteStore::captureAllowed() {
     return *captureGranted_;
 }
 
-std::shared_ptr<RouteDSPChain> RouteStore::makeChain(const UUID& id, int channelCount) {
+std::shared_ptr<RouteDSPChain> RouteStore::makeChain(const UUID& id, int channelCount) const {
     // The engine rebuilds it at the capture's rate when it starts.
     auto chain = std::make_shared<RouteDSPChain>(channelCount, 48000.0, options_.clock);
     if (const auto* r = route(id)) RouteChainSettings::applyTo(*r, *chain);
     return chain;
+}
+
+std::optional<RouteResponseCurve> RouteStore::responseCurve(const UUID& id, int channel,
+                                                            std::span<const double> frequenciesHz) const {
+    const AppRoute* r = route(id);
+    if (!r) return std::nullopt;
+    if (const RouteDSPChain* live = dspChain(id)) return RouteResponseCurve::of(*r, *live, channel, frequenciesHz);
+    const auto offline = makeChain(id, r->effectiveOutputChannelCount);
+    return RouteResponseCurve::of(*r, *offline, channel, frequenciesHz);
 }
 
 bool RouteStore::startAudio(const UUID& id, bool forceRestart) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "app/QueueTimer.hpp"
 #include "app/RouteAITune.hpp"
 #include "app/RouteGlides.hpp"
+#include "app/RouteResponseCurve.hpp"
 #include "app/VoiceShaping.hpp"
 #include "core/audio/AudioOutputDeviceService.hpp"
 #include "core/audio/MainQueue.hpp"
@@ -165,6 +167,15 @@ public:
     // One AI Tune pass over the live routes (the 500 ms tick; tests call it directly).
     void applyAITune();
 
+    // ---- the response graph ----
+    // How the route's equalisers shape channel `channel` at `frequenciesHz`, stage by stage: on
+    // its running chain (the rate and channels it plays at) or, when it does not run, on a chain
+    // built from its settings for the output it last had. Bands still gliding are shown where
+    // they land. None for an unknown route; throws std::out_of_range for a channel it does not
+    // have.
+    std::optional<RouteResponseCurve> responseCurve(const UUID& id, int channel,
+                                                    std::span<const double> frequenciesHz) const;
+
     // ---- now playing (from the desk service's observer of music players) ----
     // The track an application plays now (none: nothing). Song memory learns the track that
     // ends and replays the curve of one it remembers.
@@ -209,7 +220,9 @@ private:
     void setHealth(AppRoute& route, RouteHealth health);
     void setError(const UUID& id, std::optional<std::string> text);
     void markStopped(const UUID& id);
-    std::shared_ptr<RouteDSPChain> makeChain(const UUID& id, int channelCount);
+    // A chain with the route's settings, at the rate chains are designed at until a stream says
+    // otherwise.
+    std::shared_ptr<RouteDSPChain> makeChain(const UUID& id, int channelCount) const;
     const ProcessDiscoveryService::Entry* processFor(const AppRoute& route) const;
     bool isSounding(const AppRoute& route) const;
     bool captureAllowed();

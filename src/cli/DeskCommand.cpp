@@ -6,7 +6,7 @@
 #include <regex>
 
 #include <QDBusError>
-#include <QGuiApplication>
+#include <QApplication>
 #include <QImage>
 #include <QQuickWindow>
 #include <QTimer>
@@ -14,6 +14,8 @@
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
+#include "ui/DeskTray.hpp"
+#include "ui/DesktopPalette.hpp"
 #include "ui/DeskWindow.hpp"
 
 namespace tarn::cli {
@@ -21,9 +23,19 @@ namespace {
 
 struct DeskOptions {
     std::string screenshot;
+    std::string route;
+    std::string show;
+    std::string colorScheme;
     std::string size = "1280x800";
     double after = 2.0;
 };
+
+// A screenshot is of the desk itself unless a dialog is asked for; the window a person opens shows
+// the introduction on the first run.
+QString openAtStart(const DeskOptions& options) {
+    if (!options.show.empty()) return QString::fromStdString(options.show);
+    return options.screenshot.empty() ? QString() : QStringLiteral("none");
+}
 
 int runDesk(const DeskOptions& options) {
     int width = 0, height = 0;
@@ -40,7 +52,7 @@ int runDesk(const DeskOptions& options) {
     static int argc = 1;
     static char name[] = "tarn";
     static char* argv[] = {name, nullptr};
-    QGuiApplication app(argc, argv);
+    QApplication app(argc, argv);
     app.setApplicationName("Tarn");
     app.setDesktopFileName("tarn-desk");
 
@@ -48,14 +60,24 @@ int runDesk(const DeskOptions& options) {
     if (!bus.isConnected())
         throw CommandError(exitFailure, fmt::format("no session bus to reach the desk on ({})",
                                                     bus.lastError().message().toStdString()));
-    ui::DeskWindow desk(bus);
-    if (auto problem = desk.load()) throw CommandError(exitFailure, problem->toStdString());
+    if (options.colorScheme == "dark") ui::applyColorScheme(ui::ColorScheme::dark);
+    else if (options.colorScheme == "light") ui::applyColorScheme(ui::ColorScheme::light);
+    else if (auto scheme = ui::desktopColorScheme(bus)) ui::applyColorScheme(*scheme);
+    ui::DeskWindow::chooseStyle();
+    ui::DeskWindow desk(bus, PreferencesStore::standard(), DeskSettings::standardAutostartDirectory());
+    if (auto problem = desk.load(QString::fromStdString(options.route), openAtStart(options))) throw CommandError(exitFailure, problem->toStdString());
     QQuickWindow* window = desk.window();
     window->resize(width, height);
 
     if (!options.screenshot.empty()) {
         int code = exitOk;
         QTimer::singleShot(int(options.after * 1000), &app, [&] {
+            if (!options.route.empty() && !desk.desk().isShowingRoute()) {
+                fmt::print(stderr, "tarn desk: the desk has no route \"{}\" (tarn route list shows them)\n", options.route);
+                code = exitFailure;
+                app.quit();
+                return;
+            }
             const QImage image = window->grabWindow();
             if (image.isNull() || !image.save(QString::fromStdString(options.screenshot), "PNG")) {
                 fmt::print(stderr, "tarn desk: cannot write {}\n", options.screenshot);
@@ -68,6 +90,7 @@ int runDesk(const DeskOptions& options) {
         app.exec();
         return code;
     }
+    ui::DeskTray tray(*window);
     return app.exec();
 }
 
@@ -77,6 +100,14 @@ Command makeDeskCommand(CLI::App& root) {
     app->add_option("--screenshot", options->screenshot, "Render the window, save it as this PNG file and exit")
         ->type_name("FILE.png");
     app->add_option("--size", options->size, "Window size for the screenshot (default 1280x800)")->type_name("WxH");
+    app->add_option("--route", options->route, "Show this route in the editor (id or application name; this window only)")
+        ->type_name("ROUTE");
+    app->add_option("--show", options->show, "Open a dialog at once: intro, settings or add (none: not even the first-run introduction)")
+        ->check(CLI::IsMember({"intro", "settings", "add", "none"}))
+        ->type_name("DIALOG");
+    app->add_option("--color-scheme", options->colorScheme, "light or dark (default: as the desktop prefers)")
+        ->check(CLI::IsMember({"light", "dark"}))
+        ->type_name("SCHEME");
     app->add_option("--after", options->after, "Seconds of live data before the screenshot (default 2)")
         ->check(CLI::Range(0.0, 600.0));
     return {app, [options] { return runDesk(*options); }};

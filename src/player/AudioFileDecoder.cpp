@@ -45,6 +45,7 @@ struct AudioFileDecoder::State {
     virtual ~State() = default;
     virtual int read(float* interleaved, int maxFrames) = 0;
     virtual std::optional<std::int64_t> estimatedFrameCount() const = 0;
+    virtual void seek(std::int64_t frame) = 0;
 
     [[noreturn]] void fail(const std::string& what) const {
         throw AudioFileDecoder::Error(fmt::format("{}: {}", path.string(), what));
@@ -122,6 +123,12 @@ public:
         return std::nullopt;
     }
 
+    void seek(std::int64_t frame) override {
+        // Past the end means at the end: nothing more to read.
+        const sf_count_t target = estimatedFrameCount() ? std::min<sf_count_t>(frame, info_.frames) : frame;
+        if (sf_seek(file_, target, SEEK_SET) < 0) fail(fmt::format("cannot seek: {}", sf_strerror(file_)));
+    }
+
 private:
     SndfileState(SNDFILE* file, const SF_INFO& info) : file_(file), info_(info) {}
     SNDFILE* file_;
@@ -192,6 +199,37 @@ public:
             }
         }
         return done;
+    }
+
+    // Lands on the exact frame: the demuxer seeks to a packet a little before it, the decoder
+    // starts again from there, and whatever comes before the frame is dropped. The margin lets
+    // codecs that lean on earlier packets (MP3's bit reservoir, AAC's overlap) warm up first.
+    void seek(std::int64_t frame) override {
+        constexpr std::int64_t warmUpFrames = 4096;
+        AVStream* stream = format_->streams[streamIndex_];
+        const std::int64_t origin = stream->start_time == AV_NOPTS_VALUE ? 0 : stream->start_time;
+        const std::int64_t timestamp =
+            origin + ff_.av_rescale_q(std::max<std::int64_t>(frame - warmUpFrames, 0), AVRational{1, sampleRate}, stream->time_base);
+        const int rc = ff_.av_seek_frame(format_, streamIndex_, timestamp, AVSEEK_FLAG_BACKWARD);
+        if (rc < 0) fail(fmt::format("cannot seek: {}", averror(ff_, rc)));
+        ff_.avcodec_flush_buffers(codec_);
+        if (hasFrame_) ff_.av_frame_unref(frame_);
+        hasFrame_ = false;
+        isInputDone_ = false;
+        isFinished_ = false;
+        frameOffset_ = 0;
+        while (decodeNextFrame()) {
+            const std::int64_t pts = frame_->best_effort_timestamp;
+            const std::int64_t start =
+                pts == AV_NOPTS_VALUE ? frame : ff_.av_rescale_q(pts - origin, stream->time_base, AVRational{1, sampleRate});
+            if (start + frame_->nb_samples > frame) {
+                hasFrame_ = true;
+                frameOffset_ = static_cast<int>(std::clamp<std::int64_t>(frame - start, 0, frame_->nb_samples));
+                return;
+            }
+            ff_.av_frame_unref(frame_);
+        }
+        isFinished_ = true;
     }
 
     std::optional<std::int64_t> estimatedFrameCount() const override {
@@ -309,5 +347,6 @@ int AudioFileDecoder::sampleRate() const { return state_->sampleRate; }
 int AudioFileDecoder::channelCount() const { return state_->channelCount; }
 std::optional<std::int64_t> AudioFileDecoder::estimatedFrameCount() const { return state_->estimatedFrameCount(); }
 int AudioFileDecoder::read(float* interleaved, int maxFrames) { return state_->read(interleaved, maxFrames); }
+void AudioFileDecoder::seek(std::int64_t frame) { state_->seek(std::max<std::int64_t>(frame, 0)); }
 
 } // namespace tarn

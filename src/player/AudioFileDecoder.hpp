@@ -36,6 +36,8 @@ public:
     // Fills `interleaved` (room for maxFrames * channelCount() floats) with up to maxFrames
     // frames; returns fewer only at the end of the file, and 0 once it is over.
     int read(float* interleaved, int maxFrames);
+    // The next read starts at this frame of the file (a frame past the end: at the end).
+    void seek(std::int64_t frame);
 
     // The reader behind the decoder (libsndfile for WAV, AIFF, FLAC and the like, FFmpeg for
     // the rest); defined in the source file.

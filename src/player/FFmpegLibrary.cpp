@@ -43,6 +43,8 @@ FFmpegLibrary::FFmpegLibrary() {
     TARN_RESOLVE(format, av_find_best_stream);
     TARN_RESOLVE(format, av_read_frame);
     TARN_RESOLVE(format, avformat_close_input);
+    TARN_RESOLVE(format, av_seek_frame);
+    TARN_RESOLVE(codec, avcodec_flush_buffers);
     TARN_RESOLVE(codec, avcodec_alloc_context3);
     TARN_RESOLVE(codec, avcodec_parameters_to_context);
     TARN_RESOLVE(codec, avcodec_open2);

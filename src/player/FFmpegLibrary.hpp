@@ -25,6 +25,8 @@ public:
     decltype(&::av_find_best_stream) av_find_best_stream;
     decltype(&::av_read_frame) av_read_frame;
     decltype(&::avformat_close_input) avformat_close_input;
+    decltype(&::av_seek_frame) av_seek_frame;
+    decltype(&::avcodec_flush_buffers) avcodec_flush_buffers;
     decltype(&::avcodec_alloc_context3) avcodec_alloc_context3;
     decltype(&::avcodec_parameters_to_context) avcodec_parameters_to_context;
     decltype(&::avcodec_open2) avcodec_open2;

@@ -33,11 +33,40 @@ QHash<int, QByteArray> CatalogueSearchModel::roleNames() const {
 }
 
 void CatalogueSearchModel::setQuery(const QString& query) {
-    beginResetModel();
     query_ = query;
+    refresh();
+}
+
+void CatalogueSearchModel::setBrand(const QString& brand) {
+    brand_ = brand;
+    refresh();
+}
+
+QStringList CatalogueSearchModel::brands() const {
+    QStringList out;
+    try {
+        for (const auto& b : catalogue_.brands()) out << QString::fromStdString(b);
+    } catch (const BundledProfileCatalog::LoadError&) {
+        // The search says why; an empty brand list is all the picker can show.
+    }
+    return out;
+}
+
+void CatalogueSearchModel::refresh() {
+    beginResetModel();
     problem_.clear();
     try {
-        results_ = catalogue_.search(query.toStdString(), maxResults);
+        const std::string brand = brand_.toStdString();
+        if (brand.empty()) {
+            results_ = catalogue_.search(query_.toStdString(), maxResults);
+        } else if (query_.trimmed().isEmpty()) {
+            results_ = catalogue_.models(brand);
+        } else {
+            results_.clear();
+            for (const HeadphoneProfile* p : catalogue_.search(query_.toStdString()))
+                if (BundledProfileCatalog::brandOf(p->modelName) == brand) results_.push_back(p);
+        }
+        if (results_.size() > maxResults && !(query_.trimmed().isEmpty() && !brand.empty())) results_.resize(maxResults);
     } catch (const BundledProfileCatalog::LoadError& e) {
         results_.clear();
         problem_ = QString::fromStdString(e.what());

@@ -4,6 +4,7 @@
 
 #include <QAbstractListModel>
 #include <QString>
+#include <QStringList>
 
 namespace tarn {
 class BundledProfileCatalog;
@@ -19,6 +20,9 @@ class CatalogueSearchModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(QString query READ query WRITE setQuery NOTIFY queryChanged)
     Q_PROPERTY(QString problem READ problem NOTIFY queryChanged)
+    // "" for every brand; otherwise only that maker's models (all of them while nothing is typed).
+    Q_PROPERTY(QString brand READ brand WRITE setBrand NOTIFY queryChanged)
+    Q_PROPERTY(QStringList brands READ brands CONSTANT)
 
 public:
     enum Role { IdRole = Qt::UserRole + 1, ModelNameRole, BrandRole, SourceRole, FeaturedRole };
@@ -32,6 +36,9 @@ public:
 
     const QString& query() const { return query_; }
     void setQuery(const QString& query);
+    const QString& brand() const { return brand_; }
+    void setBrand(const QString& brand);
+    QStringList brands() const;
     // Why the catalogue could not be searched, if it could not.
     const QString& problem() const { return problem_; }
 
@@ -40,7 +47,10 @@ signals:
 
 private:
     const BundledProfileCatalog& catalogue_;
+    void refresh();
+
     QString query_;
+    QString brand_;
     QString problem_;
     std::vector<const HeadphoneProfile*> results_;
 };

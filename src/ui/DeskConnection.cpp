@@ -1,9 +1,13 @@
 #include "ui/DeskConnection.hpp"
 
+#include <algorithm>
+
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusVariant>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -24,6 +28,23 @@ DeskConnection::DeskConnection(QDBusConnection bus, QObject* parent) : QObject(p
     retry_.setInterval(retryMs);
     retry_.setSingleShot(true);
     connect(&retry_, &QTimer::timeout, this, &DeskConnection::readAll);
+    meterPace_.setSingleShot(true);
+    meterPace_.setInterval(1000 / meterRateHz_);
+    connect(&meterPace_, &QTimer::timeout, this, &DeskConnection::showMeters);
+}
+
+void DeskConnection::setMeterRateHz(int hz) {
+    hz = std::clamp(hz, 1, 20);
+    if (hz == meterRateHz_) return;
+    meterRateHz_ = hz;
+    meterPace_.setInterval(1000 / hz);
+    emit meterRateChanged();
+}
+
+void DeskConnection::setLastError(const QString& error) {
+    if (error == lastError_) return;
+    lastError_ = error;
+    emit lastErrorChanged();
 }
 
 void DeskConnection::start() {
@@ -64,7 +85,10 @@ void DeskConnection::readAll() {
 }
 
 void DeskConnection::apply(const QString& name, const QVariant& value) {
-    if (name == "Routes") routes_.setRoutes(parseArray(value.toString()));
+    if (name == "Routes") {
+        routes_.setRoutes(parseArray(value.toString()));
+        findRouteToShow();
+    }
     else if (name == "Devices") {
         devices_ = parseArray(value.toString()).toVariantList();
         emit devicesChanged();
@@ -74,6 +98,15 @@ void DeskConnection::apply(const QString& name, const QVariant& value) {
     } else if (name == "SelectedRoute") {
         selectedRoute_ = value.toString();
         emit selectionChanged();
+    } else if (name == "Presets") {
+        presets_ = parseArray(value.toString()).toVariantList();
+        emit presetsChanged();
+    } else if (name == "Layouts") {
+        layouts_ = parseArray(value.toString()).toVariantList();
+        emit layoutsChanged();
+    } else if (name == "ActiveLayout") {
+        activeLayout_ = value.toString();
+        emit layoutsChanged();
     } else if (name == "Connected") {
         setReachable(value.toBool(), value.toBool() ? QString() : QStringLiteral("the desk is waiting for the sound server"));
     }
@@ -84,7 +117,19 @@ void DeskConnection::propertiesChanged(const QString& interface, const QVariantM
     for (auto it = changed.begin(); it != changed.end(); ++it) apply(it.key(), it.value());
 }
 
-void DeskConnection::meters(const QString& json) { routes_.setMeters(parseArray(json)); }
+// The view is given the newest meters at once, then no more often than the meter rate; a burst
+// in between leaves only its last update, so meters never lag behind the sound.
+void DeskConnection::meters(const QString& json) {
+    pendingMeters_ = json;
+    if (!meterPace_.isActive()) showMeters();
+}
+
+void DeskConnection::showMeters() {
+    if (pendingMeters_.isEmpty()) return;
+    routes_.setMeters(parseArray(pendingMeters_));
+    pendingMeters_.clear();
+    meterPace_.start();
+}
 
 void DeskConnection::setMetersWanted(bool wanted) {
     if (wanted == metersWanted_) return;
@@ -118,8 +163,7 @@ void DeskConnection::watchMeters(bool on) {
             retry_.start();
             return;
         }
-        lastError_ = w->error().message();
-        emit lastErrorChanged();
+        setLastError(w->error().message());
     });
 }
 
@@ -144,9 +188,9 @@ bool DeskConnection::call(const char* method, const QVariantList& arguments) {
     QDBusPendingCall pending = bus_.asyncCall(message, callTimeoutMs);
     auto* watcher = new QDBusPendingCallWatcher(pending, this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
+        // The newest answer stands: a refusal shows until a later edit goes through.
+        setLastError(w->isError() ? w->error().message() : QString());
         if (w->isError()) {
-            lastError_ = w->error().message();
-            emit lastErrorChanged();
             if (w->error().type() == QDBusError::ServiceUnknown || w->error().type() == QDBusError::NoReply) {
                 setReachable(false, w->error().message());
                 retry_.start();
@@ -157,7 +201,33 @@ bool DeskConnection::call(const char* method, const QVariantList& arguments) {
     return true;
 }
 
-void DeskConnection::selectRoute(const QString& route) { call("SelectRoute", {route}); }
+void DeskConnection::showRoute(const QString& route) {
+    routeToShow_ = route;
+    shownRoute_.clear();
+    findRouteToShow();
+    emit selectionChanged();
+}
+
+void DeskConnection::findRouteToShow() {
+    if (routeToShow_.isEmpty() || isShowingRoute()) return;
+    for (int row = 0; row < routes_.rowCount(); ++row) {
+        const QModelIndex i = routes_.index(row);
+        if (routeToShow_ == routes_.data(i, RouteListModel::IdRole).toString() ||
+            routeToShow_.compare(routes_.data(i, RouteListModel::DisplayNameRole).toString(), Qt::CaseInsensitive) == 0 ||
+            routeToShow_ == routes_.data(i, RouteListModel::BundleIDRole).toString()) {
+            shownRoute_ = routes_.data(i, RouteListModel::IdRole).toString();
+            emit selectionChanged();
+            return;
+        }
+    }
+}
+
+void DeskConnection::selectRoute(const QString& route) {
+    routeToShow_.clear();
+    shownRoute_.clear();
+    call("SelectRoute", {route});
+    emit selectionChanged();
+}
 void DeskConnection::setBand(const QString& route, int band, double gainDb) { call("SetBand", {route, band, gainDb}); }
 void DeskConnection::setGain(const QString& route, double gainDb) { call("SetGain", {route, gainDb}); }
 void DeskConnection::setTrim(const QString& route, double trimDb) { call("SetTrim", {route, trimDb}); }
@@ -171,22 +241,53 @@ void DeskConnection::setEQBypassed(const QString& route, bool bypassed) { call("
 void DeskConnection::setCorrectionBypassed(const QString& route, bool bypassed) {
     call("SetCorrectionBypassed", {route, bypassed});
 }
-QVariantMap DeskConnection::aiTuneState(const QString& route) {
-    auto message = QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName,
-                                                  "AITuneState");
-    message << route;
+QVariantMap DeskConnection::query(const char* method, const QVariantList& arguments) {
+    auto message =
+        QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName, method);
+    message.setArguments(arguments);
     const QDBusMessage reply = bus_.call(message, QDBus::Block, callTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage) return {};
     return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).object().toVariantMap();
+}
+
+QVariantMap DeskConnection::aiTuneState(const QString& route) { return query("AITuneState", {route}); }
+
+QVariantMap DeskConnection::responseCurve(const QString& route, int channel) {
+    return query("ResponseCurve", {route, channel});
 }
 
 void DeskConnection::setBandAILocked(const QString& route, int band, bool locked) {
     call("SetBandAILocked", {route, band, locked});
 }
 
-void DeskConnection::addRoute(const QString& bundleID, const QString& name) {
-    call("AddRoute", {bundleID, name, QString(), QStringLiteral("on")});
+void DeskConnection::addRoute(const QString& bundleID, const QString& name, const QString& mode) {
+    call("AddRoute", {bundleID, name, QString(), mode});
 }
 void DeskConnection::removeRoute(const QString& route) { call("RemoveRoute", {route}); }
+void DeskConnection::moveRoute(const QString& route, int index) { call("MoveRoute", {route, index}); }
+void DeskConnection::setChannelDelta(const QString& route, int channel, int band, double deltaDb) {
+    call("SetChannelDelta", {route, channel, band, deltaDb});
+}
+void DeskConnection::applyPreset(const QString& route, const QString& preset) { call("ApplyPreset", {route, preset}); }
+void DeskConnection::savePreset(const QString& route, const QString& name) { call("SavePreset", {route, name}); }
+void DeskConnection::deletePreset(const QString& preset) { call("DeletePreset", {preset}); }
+void DeskConnection::saveLayout(const QString& name, const QString& uid) { call("SaveLayout", {name, uid}); }
+void DeskConnection::applyLayout(const QString& layout) { call("ApplyLayout", {layout}); }
+void DeskConnection::deleteLayout(const QString& layout) { call("DeleteLayout", {layout}); }
+
+bool DeskConnection::importEQFile(const QString& route, const QUrl& url) {
+    const QString path = url.isLocalFile() ? url.toLocalFile() : url.toString();
+    QFile file(path);
+    if (QFileInfo(path).isDir()) return setLastError(path + ": is a folder, not a file"), false;
+    if (!file.open(QIODevice::ReadOnly)) return setLastError(path + ": " + file.errorString()), false;
+    if (file.size() > maxEQFileBytes)
+        return setLastError(QString("%1: %2 bytes is too large for a parametric EQ file").arg(path).arg(file.size())), false;
+    const QByteArray bytes = file.read(maxEQFileBytes + 1);
+    const QString text = QString::fromUtf8(bytes);
+    if (text.contains(QChar::ReplacementCharacter))
+        return setLastError(path + ": is not a text file (it is not UTF-8)"), false;
+    call("ImportEQ", {route, QFileInfo(path).completeBaseName(), text});
+    return true;
+}
 
 } // namespace tarn::ui

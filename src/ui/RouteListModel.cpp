@@ -41,6 +41,17 @@ QVariant RouteListModel::data(const QModelIndex& index, int role) const {
     case EQBypassedRole: return r.value("customEQBypassed").toBool();
     case CorrectionBypassedRole: return r.value("correctionBypassed").toBool();
     case CorrectionRole: return r.value("correctionProfileSnapshot").toObject().value("modelName").toString();
+    case CorrectionSourceRole: {
+        const QJsonObject profile = r.value("correctionProfileSnapshot").toObject();
+        return profile.value("measurementProvider").toString(profile.value("sourceProject").toString());
+    }
+    case CategoryRole: return r.value("category").toString("other");
+    // A route that has not played yet has no output format: stereo is what it will most likely get.
+    case ChannelCountRole: {
+        const int count = r.value("effectiveOutputChannelCount").toInt(0);
+        return count > 0 ? count : 2;
+    }
+    case ChannelDeltasRole: return r.value("channelEQDeltasDb").toArray().toVariantList();
     case InputLevelRole: return row.inputLevel;
     case OutputLevelRole: return row.outputLevel;
     }
@@ -54,7 +65,9 @@ QHash<int, QByteArray> RouteListModel::roleNames() const {
             {MutedRole, "muted"},      {LiveRole, "live"},               {BandsRole, "bands"},
             {GenreRole, "genre"},      {AITuneRole, "aiTune"},           {InputLevelRole, "inputLevel"},
             {OutputLevelRole, "outputLevel"}, {EQBypassedRole, "eqBypassed"},
-            {CorrectionBypassedRole, "correctionBypassed"}, {CorrectionRole, "correction"}};
+            {CorrectionBypassedRole, "correctionBypassed"}, {CorrectionRole, "correction"},
+            {CategoryRole, "category"}, {ChannelCountRole, "channelCount"}, {ChannelDeltasRole, "channelDeltas"},
+            {CorrectionSourceRole, "correctionSource"}};
 }
 
 void RouteListModel::setRoutes(const QJsonArray& routes) {

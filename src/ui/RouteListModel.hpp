@@ -40,6 +40,10 @@ public:
         EQBypassedRole,
         CorrectionBypassedRole,
         CorrectionRole,
+        CategoryRole,
+        ChannelCountRole,
+        ChannelDeltasRole,
+        CorrectionSourceRole,
     };
 
     // Meters show −60 … 0 dBFS.

@@ -79,9 +79,11 @@ TEST(DeskWindow, ABandChangedThroughTheWindowIsHeardAtThatRoutesDeviceOnly) {
     static int argc = 1;
     static char name[] = "tarn";
     static char* argv[] = {name, nullptr};
+    ui::DeskWindow::chooseStyle();
     QGuiApplication app(argc, argv);
-    ui::DeskWindow deskWindow(QDBusConnection::sessionBus());
-    ASSERT_FALSE(deskWindow.load().has_value());
+    ui::DeskWindow deskWindow(QDBusConnection::sessionBus(), PreferencesStore(home / "config"),
+                              QString::fromStdString((home / "autostart").string()));
+    ASSERT_FALSE(deskWindow.load({}, QStringLiteral("none")).has_value());
     ui::DeskConnection& desk = deskWindow.desk();
     QQuickWindow* window = deskWindow.window();
     ASSERT_TRUE(pump([&] { return desk.routes()->rowCount() == 2; }, 5s));

@@ -95,6 +95,62 @@ TEST_F(AudioFileDecoderTest, FailuresNameTheFile) {
     EXPECT_NE(tooMany.find("10 channels"), std::string::npos) << tooMany;
 }
 
+// A chirp: no stretch of it looks like another, so where a read lands can be found again.
+SoundData chirp(int rate, int channels, double seconds) {
+    SoundData d{rate, channels, {}};
+    const auto frames = static_cast<std::size_t>(seconds * rate);
+    for (std::size_t i = 0; i < frames; ++i) {
+        const double t = double(i) / rate;
+        const float v = float(0.5 * std::sin(2 * M_PI * (200 * t + 400 * t * t)));
+        for (int c = 0; c < channels; ++c) d.samples.push_back(c == 0 ? v : -v);
+    }
+    return d;
+}
+
+// Where, within `radius` frames of `expected`, the window read after a seek sits in the whole decode.
+std::int64_t landing(const SoundData& whole, const std::vector<float>& window, std::int64_t expected, std::int64_t radius) {
+    const int ch = whole.channelCount;
+    const auto frames = static_cast<std::int64_t>(window.size()) / ch;
+    std::int64_t best = -1;
+    double bestError = 1e30;
+    for (std::int64_t at = std::max<std::int64_t>(0, expected - radius); at <= expected + radius; ++at) {
+        if ((at + frames) * ch > static_cast<std::int64_t>(whole.samples.size())) break;
+        double error = 0;
+        for (std::int64_t i = 0; i < frames * ch; ++i) error += std::abs(window[i] - whole.samples[at * ch + i]);
+        if (error < bestError) bestError = error, best = at;
+    }
+    return best;
+}
+
+TEST_F(AudioFileDecoderTest, SeekingLandsOnTheAskedFrameExactlyForLosslessFilesAndWithin10msForMP3) {
+    test::writeSoundFile(dir / "chirp.wav", chirp(44100, 2, 6), SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    test::writeSoundFile(dir / "chirp.flac", chirp(44100, 2, 6), SF_FORMAT_FLAC | SF_FORMAT_PCM_24);
+    std::vector<std::pair<std::string, std::int64_t>> files{{"chirp.wav", 0}, {"chirp.flac", 0}};
+    if (test::hasProgram("ffmpeg")) {
+        for (auto [name, codec] : {std::pair{"chirp.m4a", "alac"}, std::pair{"chirp.mp3", "libmp3lame"}})
+            ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-y", "-i", (dir / "chirp.wav").string(), "-c:a", codec,
+                                        (dir / name).string()}).exitCode, 0) << name;
+        files.push_back({"chirp.m4a", 0});
+        files.push_back({"chirp.mp3", 441}); // 10 ms at 44.1 kHz
+    }
+    for (const auto& [name, tolerance] : files) {
+        const auto whole = decodeAll(dir / name);
+        AudioFileDecoder decoder(dir / name);
+        std::vector<float> window(2048 * 2);
+        // Forwards, backwards, into the first packet and near the end.
+        for (std::int64_t target : {std::int64_t(100000), std::int64_t(30011), std::int64_t(5), std::int64_t(250000)}) {
+            decoder.seek(target);
+            ASSERT_EQ(decoder.read(window.data(), 2048), 2048) << name << " at " << target;
+            const auto at = landing(whole, window, target, 2000);
+            EXPECT_LE(std::abs(at - target), tolerance) << name << ": asked for frame " << target << ", landed on " << at;
+        }
+        decoder.seek(10'000'000);
+        EXPECT_EQ(decoder.read(window.data(), 2048), 0) << name << ": past the end is the end";
+        decoder.seek(0);
+        EXPECT_EQ(decoder.read(window.data(), 2048), 2048) << name << ": and back to the start";
+    }
+}
+
 TEST_F(AudioFileDecoderTest, EstimatesTheLengthFromTheHeader) {
     test::writeSoundFile(dir / "len.wav", test::sineWave(100, 0.1, 22050, 1, 22050 * 3));
     AudioFileDecoder decoder(dir / "len.wav");

@@ -19,14 +19,24 @@ CorrectionEQ::CorrectionEQ(int channelCount, double sampleRate, UptimeClock cloc
 }
 
 std::shared_ptr<const CorrectionEQ::FilterBank> CorrectionEQ::makeBank(const HeadphoneProfile& profile) const {
+    const StageSections stage = StageSections::parametric(profile.preampDb, profile.filters, sampleRate_);
     std::vector<std::unique_ptr<BiquadFilter>> filters;
-    for (const ParametricFilterSpec& spec : profile.filters) {
+    for (const BiquadCoefficients& section : stage.sections) {
         auto f = std::make_unique<BiquadFilter>(channelCount_);
-        f->setCoefficients(spec.coefficients(sampleRate_));
+        f->setCoefficients(section);
         filters.push_back(std::move(f));
     }
-    const float preamp = static_cast<float>(std::pow(10.0, profile.preampDb / 20.0));
+    const float preamp = static_cast<float>(std::pow(10.0, stage.preampDb / 20.0));
     return std::make_shared<const FilterBank>(true, preamp, std::move(filters));
+}
+
+StageSections CorrectionEQ::runningSections() const {
+    if (isBypassed() || !profile_) {
+        StageSections none;
+        none.sampleRate = sampleRate_;
+        return none;
+    }
+    return StageSections::parametric(profile_->preampDb, profile_->filters, sampleRate_);
 }
 
 void CorrectionEQ::notify() {

@@ -10,6 +10,7 @@
 
 #include "core/dsp/BiquadFilter.hpp"
 #include "core/dsp/RetainedBankPublisher.hpp"
+#include "core/dsp/StageSections.hpp"
 #include "core/profiles/HeadphoneProfile.hpp"
 
 namespace tarn {
@@ -56,6 +57,9 @@ public:
     void setBypassed(bool bypassed);
     bool isBypassed() const { return bypassed_.load(std::memory_order_acquire); }
     const std::optional<HeadphoneProfile>& profile() const { return profile_; }
+    // The preamp and sections this stage runs now: none (0 dB, no sections) while it is bypassed
+    // or holds no profile.
+    StageSections runningSections() const;
     int channelCount() const { return channelCount_; }
     double sampleRate() const { return sampleRate_; }
     void setOnChange(std::function<void()> callback) { onChange_ = std::move(callback); }

@@ -14,25 +14,31 @@ double estimatedPeakGainDb(double routeGainDb, double outputTrimDb,
                            double correctionSampleRate,
                            double userParametricPreampDb, const std::vector<ParametricFilterSpec>& userParametricFilters,
                            double userParametricSampleRate) {
-    // Each section is designed at its own stage's rate, so the cascades are evaluated per stage
-    // and summed in dB per frequency.
-    std::vector<BiquadCoefficients> custom, correction, parametric;
-    for (const auto& b : customEQBands)
-        custom.emplace_back(BiquadKind::peaking, customEQSampleRate, b.frequencyHz, b.gainDb, b.q);
-    for (const auto& f : correctionFilters) correction.push_back(f.coefficients(correctionSampleRate));
-    for (const auto& f : userParametricFilters) parametric.push_back(f.coefficients(userParametricSampleRate));
+    const StageSections stages[] = {
+        StageSections::tenBand(customEQBands, customEQSampleRate),
+        StageSections::parametric(correctionPreampDb, correctionFilters, correctionSampleRate),
+        StageSections::parametric(userParametricPreampDb, userParametricFilters, userParametricSampleRate),
+    };
+    return estimatedPeakGainDb(routeGainDb, outputTrimDb, stages);
+}
 
-    double peak = -std::numeric_limits<double>::infinity();
-    if (!custom.empty() || !correction.empty() || !parametric.empty()) {
-        for (double hz : FrequencyResponse::logSpacedFrequencies(estimateFromHz, estimateToHz, estimateFrequencyCount)) {
-            const double combined = FrequencyResponse::magnitudeDb(custom, hz, customEQSampleRate) +
-                                    FrequencyResponse::magnitudeDb(correction, hz, correctionSampleRate) +
-                                    FrequencyResponse::magnitudeDb(parametric, hz, userParametricSampleRate);
-            if (combined > peak) peak = combined;
-        }
+double estimatedPeakGainDb(double routeGainDb, double outputTrimDb, std::span<const StageSections> stages) {
+    // The preamps are flat, so they stay outside the peak search; a route with no sections at
+    // all has no peak term rather than −infinity.
+    double result = routeGainDb + outputTrimDb;
+    bool hasSections = false;
+    for (const StageSections& stage : stages) {
+        result += stage.preampDb;
+        hasSections = hasSections || !stage.sections.empty();
     }
-    const double peakTerm = std::isinf(peak) && peak < 0 ? 0.0 : peak;
-    return routeGainDb + outputTrimDb + correctionPreampDb + userParametricPreampDb + peakTerm;
+    if (!hasSections) return result;
+    double peak = -std::numeric_limits<double>::infinity();
+    for (double hz : FrequencyResponse::logSpacedFrequencies(estimateFromHz, estimateToHz, estimateFrequencyCount)) {
+        double combined = 0.0;
+        for (const StageSections& stage : stages) combined += stage.sectionsResponseDb(hz);
+        if (combined > peak) peak = combined;
+    }
+    return result + peak;
 }
 
 double makeupAttenuationLinear(double estimatedPeakGainDb) {

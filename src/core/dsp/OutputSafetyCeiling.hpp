@@ -1,9 +1,11 @@
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include "core/dsp/EQBandState.hpp"
 #include "core/dsp/ParametricFilterSpec.hpp"
+#include "core/dsp/StageSections.hpp"
 
 namespace tarn {
 
@@ -24,6 +26,10 @@ double estimatedPeakGainDb(double routeGainDb, double outputTrimDb,
                            double correctionSampleRate,
                            double userParametricPreampDb, const std::vector<ParametricFilterSpec>& userParametricFilters,
                            double userParametricSampleRate);
+
+// The same estimate over stages as they run: the gains, every stage's preamp, and the peak of the
+// stages' summed section responses (each evaluated at its own rate).
+double estimatedPeakGainDb(double routeGainDb, double outputTrimDb, std::span<const StageSections> stages);
 
 double makeupAttenuationLinear(double estimatedPeakGainDb);
 

@@ -104,22 +104,14 @@ void RouteDSPChain::setSafetyCeilingEnabled(bool enabled) {
 // Gain, trim and the ceiling they imply are all worked out before any of them is published.
 void RouteDSPChain::recomputeSafetyCeiling() {
     if (!customEQ_ || !correctionEQ_ || !userParametricEQ_) return;   // still constructing
-    std::vector<EQBandState> bands;
-    if (!customEQ_->isBypassed()) bands = customEQ_->worstCaseBands();
-    auto stage = [](const CorrectionEQ& eq, double& preampDb, std::vector<ParametricFilterSpec>& filters) {
-        if (eq.isBypassed() || !eq.profile()) return;
-        preampDb = eq.profile()->preampDb;
-        filters = eq.profile()->filters;
+    const StageSections stages[] = {
+        StageSections::tenBand(customEQ_->isBypassed() ? std::vector<EQBandState>{} : customEQ_->worstCaseBands(),
+                               customEQ_->sampleRate()),
+        correctionEQ_->runningSections(),
+        userParametricEQ_->runningSections(),
     };
-    double correctionPreampDb = 0.0, parametricPreampDb = 0.0;
-    std::vector<ParametricFilterSpec> correctionFilters, parametricFilters;
-    stage(*correctionEQ_, correctionPreampDb, correctionFilters);
-    stage(*userParametricEQ_, parametricPreampDb, parametricFilters);
-
-    const double estimate = OutputSafetyCeiling::estimatedPeakGainDb(
-        routeGainDb_, outputTrimDb_ + outputMakeupDb, bands, customEQ_->sampleRate(), correctionPreampDb,
-        correctionFilters, correctionEQ_->sampleRate(), parametricPreampDb, parametricFilters,
-        userParametricEQ_->sampleRate());
+    const double estimate =
+        OutputSafetyCeiling::estimatedPeakGainDb(routeGainDb_, outputTrimDb_ + outputMakeupDb, stages);
     estimatedPeakGainDb_.store(estimate);
     const double attenuation = safetyCeilingEnabled_ ? OutputSafetyCeiling::makeupAttenuationLinear(estimate) : 1.0;
     publishScalarGains({std::pow(10.0, routeGainDb_ / 20.0), std::pow(10.0, (outputTrimDb_ + outputMakeupDb) / 20.0),

@@ -98,6 +98,9 @@ public:
     TenBandEQ& customEQ() { return *customEQ_; }
     CorrectionEQ& correctionEQ() { return *correctionEQ_; }
     CorrectionEQ& userParametricEQ() { return *userParametricEQ_; }
+    const TenBandEQ& customEQ() const { return *customEQ_; }
+    const CorrectionEQ& correctionEQ() const { return *correctionEQ_; }
+    const CorrectionEQ& userParametricEQ() const { return *userParametricEQ_; }
     Limiter& limiter() { return limiter_; }
     PeakMeter& inputMeter() { return inputMeter_; }
     PeakMeter& outputMeter() { return outputMeter_; }

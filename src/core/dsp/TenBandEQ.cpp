@@ -34,8 +34,7 @@ int TenBandEQ::bandIndex(int bandID) const {
 }
 
 void TenBandEQ::designFilter(int band) {
-    const EQBandState& b = bands_[band];
-    filters_[band]->setCoefficients(BiquadCoefficients(BiquadKind::peaking, sampleRate_, b.frequencyHz, b.gainDb, b.q));
+    filters_[band]->setCoefficients(StageSections::tenBandSection(bands_[band], sampleRate_));
 }
 
 void TenBandEQ::notify() {
@@ -101,15 +100,33 @@ bool TenBandEQ::hasChannelDeltas() const {
     return false;
 }
 
-std::vector<double> TenBandEQ::effectiveGains(int channel) const {
+std::vector<double> TenBandEQ::sharedGains() const {
+    std::vector<double> gains(bands_.size());
+    for (std::size_t i = 0; i < bands_.size(); ++i) gains[i] = bands_[i].gainDb;
+    return gains;
+}
+
+std::vector<double> TenBandEQ::effectiveGains(int channel) const { return effectiveGains(channel, sharedGains()); }
+
+std::vector<double> TenBandEQ::effectiveGains(int channel, std::span<const double> bandGainsDb) const {
     std::vector<double> gains(bands_.size());
     for (std::size_t i = 0; i < bands_.size(); ++i) {
         double delta = 0.0;
         if (channel >= 0 && channel < int(channelDeltasDb_.size()) && i < channelDeltasDb_[channel].size())
             delta = channelDeltasDb_[channel][i];
-        gains[i] = clampGain(bands_[i].gainDb + delta);
+        const double shared = i < bandGainsDb.size() ? clampGain(bandGainsDb[i]) : 0.0;
+        gains[i] = clampGain(shared + delta);
     }
     return gains;
+}
+
+StageSections TenBandEQ::channelSections(int channel) const { return channelSections(channel, sharedGains()); }
+
+StageSections TenBandEQ::channelSections(int channel, std::span<const double> bandGainsDb) const {
+    std::vector<EQBandState> bands = bands_;
+    const std::vector<double> gains = effectiveGains(channel, bandGainsDb);
+    for (std::size_t i = 0; i < bands.size(); ++i) bands[i].gainDb = gains[i];
+    return StageSections::tenBand(bands, sampleRate_);
 }
 
 std::vector<EQBandState> TenBandEQ::worstCaseBands() const {
@@ -138,12 +155,8 @@ void TenBandEQ::rebuildChannelBank() {
         return;
     }
     std::vector<std::vector<BiquadFloatCoefficients>> table(channelCount_);
-    for (int ch = 0; ch < channelCount_; ++ch) {
-        const std::vector<double> gains = effectiveGains(ch);
-        for (std::size_t i = 0; i < bands_.size(); ++i)
-            table[ch].emplace_back(
-                BiquadCoefficients(BiquadKind::peaking, sampleRate_, bands_[i].frequencyHz, gains[i], bands_[i].q));
-    }
+    for (int ch = 0; ch < channelCount_; ++ch)
+        for (const BiquadCoefficients& section : channelSections(ch).sections) table[ch].emplace_back(section);
     banks_.publish(std::make_shared<const ChannelBank>(std::move(table)));
 }
 

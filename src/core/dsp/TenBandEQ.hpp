@@ -5,12 +5,14 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
 #include "core/dsp/BiquadFilter.hpp"
 #include "core/dsp/EQBandState.hpp"
 #include "core/dsp/RetainedBankPublisher.hpp"
+#include "core/dsp/StageSections.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 
 namespace tarn {
@@ -69,6 +71,12 @@ public:
     const std::vector<std::vector<double>>& channelDeltasDb() const { return channelDeltasDb_; }
     bool hasChannelDeltas() const;
     std::vector<double> effectiveGains(int channel) const;
+    // The ten sections channel `channel` runs, its offsets included, in double precision (what
+    // its bank row narrows), whether or not the equaliser is bypassed.
+    StageSections channelSections(int channel) const;
+    // The same had the shared band gains been `bandGainsDb` (one per band): what the channel
+    // would run under other gains, with the same Qs, offsets, clamping and rate.
+    StageSections channelSections(int channel, std::span<const double> bandGainsDb) const;
     std::vector<EQBandState> worstCaseBands() const;
     const std::vector<BiquadCoefficients>& currentCoefficients() const;
     int channelCount() const { return channelCount_; }
@@ -94,6 +102,8 @@ public:
 
 private:
     void designFilter(int band);
+    std::vector<double> sharedGains() const;
+    std::vector<double> effectiveGains(int channel, std::span<const double> bandGainsDb) const;
     void rebuildChannelBank();
     void refreshBypassFlag();
     void notify();

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import "Words.js" as Words
 
 // The selected route's equaliser: ten bands from −12 to +12 dB in half-dB steps (double-click
 // resets one), genre and AI Tune.
@@ -8,137 +9,161 @@ Pane {
     id: editor
     property var route: null
     readonly property var bandLabels: ["31", "62", "125", "250", "500", "1k", "2k", "4k", "8k", "16k"]
+    readonly property var bandNames: ["31 Hz", "62 Hz", "125 Hz", "250 Hz", "500 Hz", "1 kHz", "2 kHz", "4 kHz", "8 kHz", "16 kHz"]
+    // Page Up / Page Down move a band this far; arrows move it one step.
+    readonly property real pageStepDb: 3
+    readonly property string deviceName: {
+        if (!route || route.device === "") return qsTr("Default output")
+        const d = desk.devices.find(d => d.uid === route.device)
+        return d ? d.name : route.device
+    }
 
-    ColumnLayout {
+    // Scrolls when the window is too short for everything (1024×640 with AI Tune on).
+    ScrollView {
+        id: scroll
         anchors.fill: parent
         visible: editor.route !== null
-        spacing: 12
+        contentWidth: availableWidth
+        clip: true
 
-        Label {
-            text: editor.route ? editor.route.displayName + " → " + (editor.route.device !== "" ? editor.route.device : qsTr("Default output")) : ""
-            font.pixelSize: 18
-            font.bold: true
-        }
+        ColumnLayout {
+            width: scroll.availableWidth
+            spacing: 12
 
-        RowLayout {
-            Layout.fillWidth: true
-            Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 220 : 320
-            spacing: 10
-            Repeater {
-                model: 10
-                ColumnLayout {
-                    Layout.fillHeight: true
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
                     Layout.fillWidth: true
-                    Layout.preferredWidth: 60
-                    Label {
-                        Layout.alignment: Qt.AlignHCenter
-                        text: slider.value > 0 ? "+" + slider.value.toFixed(1) : slider.value.toFixed(1)
-                        font.pixelSize: 11
-                    }
-                    Slider {
-                        id: slider
-                        objectName: "band" + index
-                        Layout.fillHeight: true
-                        Layout.alignment: Qt.AlignHCenter
-                        orientation: Qt.Vertical
-                        from: -12; to: 12; stepSize: 0.5
-                        snapMode: Slider.SnapAlways
-                        // While a person moves it, the desk's (slightly older) value must not pull it back.
-                        readonly property bool editing: pressed || recentEdit.running
-                        Timer { id: recentEdit; interval: 800 }
-                        Binding on value {
-                            value: editor.route ? editor.route.bands[index] : 0
-                            when: !slider.editing
-                            restoreMode: Binding.RestoreNone
-                        }
-                        Accessible.name: qsTr("Band %1 Hz, %2 dB").arg(editor.bandLabels[index]).arg(value.toFixed(1))
-                        onMoved: {
-                            recentEdit.restart()
-                            desk.setBand(editor.route.routeId, index, value)
-                        }
-                        TapHandler {
-                            acceptedButtons: Qt.LeftButton
-                            onDoubleTapped: desk.setBand(editor.route.routeId, index, 0)
-                        }
-                    }
-                    Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
+                    text: editor.route ? editor.route.displayName + " → " + editor.deviceName : ""
+                    font.pixelSize: 18
+                    font.bold: true
+                    elide: Text.ElideRight
                 }
+                PresetBar { route: editor.route }
             }
-        }
 
-        RowLayout {
-            spacing: 12
-            Label { text: qsTr("Genre") }
-            ComboBox {
-                model: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
-                currentIndex: editor.route ? model.indexOf(editor.route.genre) : 0
-                onActivated: desk.setGenre(editor.route.routeId, currentText)
-                Accessible.name: qsTr("Genre preset")
+            ResponseCurve {
+                objectName: "responseCurve"
+                Layout.fillWidth: true
+                Layout.preferredHeight: 170
+                route: editor.route
+                // The channel whose offsets are open, else the first.
+                channel: offsets.visible ? offsets.channel : 0
             }
-            Label { text: qsTr("AI Tune") }
-            Repeater {
-                model: [["off", qsTr("Off")], ["song", qsTr("Song")], ["taste", qsTr("Taste")]]
-                Button {
-                    text: modelData[1]
-                    checkable: true
-                    checked: editor.route && editor.route.aiTune === modelData[0]
-                    flat: !checked
-                    onClicked: desk.setAITune(editor.route.routeId, modelData[0])
+
+            RowLayout {
+                Layout.fillWidth: true
+                Layout.preferredHeight: editor.route && editor.route.aiTune !== "off" ? 170 : 210
+                spacing: 10
+                Repeater {
+                    model: 10
+                    ColumnLayout {
+                        Layout.fillHeight: true
+                        Layout.fillWidth: true
+                        Layout.preferredWidth: 60
+                        Layout.minimumWidth: 36
+                        Label {
+                            Layout.alignment: Qt.AlignHCenter
+                            text: Words.db(slider.value).replace(" dB", "")
+                            font.pixelSize: 11
+                        }
+                        DeskSlider {
+                            id: slider
+                            objectName: "band" + index
+                            Layout.fillHeight: true
+                            Layout.alignment: Qt.AlignHCenter
+                            orientation: Qt.Vertical
+                            from: -12; to: 12; stepSize: 0.5
+                            snapMode: Slider.SnapAlways
+                            pageStep: editor.pageStepDb
+                            deskValue: editor.route ? editor.route.bands[index] : 0
+                            Accessible.name: qsTr("Band %1, %2").arg(editor.bandNames[index]).arg(Words.db(value))
+                            onEdited: value => desk.setBand(editor.route.routeId, index, value)
+                        }
+                        Label { Layout.alignment: Qt.AlignHCenter; text: editor.bandLabels[index]; font.pixelSize: 11 }
+                    }
                 }
             }
-        }
-        RowLayout {
-            spacing: 12
-            Switch {
-                text: qsTr("Equaliser")
-                checked: editor.route && !editor.route.eqBypassed
-                onToggled: desk.setEQBypassed(editor.route.routeId, !checked)
-            }
-            Switch {
-                text: qsTr("Headphone correction")
-                enabled: editor.route && editor.route.correction !== ""
-                checked: editor.route && !editor.route.correctionBypassed
-                onToggled: desk.setCorrectionBypassed(editor.route.routeId, !checked)
-            }
-            Label {
-                text: editor.route && editor.route.correction !== "" ? editor.route.correction : qsTr("no headphone correction")
-                color: palette.placeholderText
-            }
-            Item { Layout.fillWidth: true }
-            Label { text: qsTr("Trim") }
-            Slider {
-                id: trim
-                from: -12; to: 6; stepSize: 0.5
-                readonly property bool editing: pressed || trimEdit.running
-                Timer { id: trimEdit; interval: 800 }
-                Binding on value {
-                    value: editor.route ? editor.route.trimDb : 0
-                    when: !trim.editing
-                    restoreMode: Binding.RestoreNone
+
+            // Wraps onto a second line in a narrow window rather than running off its edge.
+            Flow {
+                Layout.fillWidth: true
+                spacing: 16
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("Genre"); anchors.verticalCenter: parent.verticalCenter }
+                    ComboBox {
+                        readonly property var keys: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
+                        model: [qsTr("Flat"), qsTr("Reference"), qsTr("EDM"), qsTr("Hip-hop"), qsTr("Rock"), qsTr("Pop"), qsTr("Vocal"), qsTr("Acoustic"), qsTr("Classical"), qsTr("Trap")]
+                        currentIndex: editor.route ? Math.max(0, keys.indexOf(editor.route.genre)) : 0
+                        onActivated: index => desk.setGenre(editor.route.routeId, keys[index])
+                        Accessible.name: qsTr("Genre preset")
+                    }
                 }
-                Accessible.name: qsTr("Output trim, %1 dB").arg(value.toFixed(1))
-                onMoved: {
-                    trimEdit.restart()
-                    desk.setTrim(editor.route.routeId, value)
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("AI Tune"); anchors.verticalCenter: parent.verticalCenter }
+                    Segmented {
+                        options: [["off", qsTr("Off")], ["song", qsTr("Song")], ["taste", qsTr("Taste")]]
+                        current: editor.route ? editor.route.aiTune : "off"
+                        accessiblePrefix: qsTr("AI Tune")
+                        buttonHeight: 36
+                        onChosen: key => desk.setAITune(editor.route.routeId, key)
+                    }
+                }
+                Switch {
+                    text: qsTr("Equaliser")
+                    Accessible.name: qsTr("Equaliser on")
+                    checked: editor.route && !editor.route.eqBypassed
+                    onToggled: desk.setEQBypassed(editor.route.routeId, !checked)
+                }
+                Switch {
+                    text: editor.route && editor.route.correction !== ""
+                          ? editor.route.correction + (editor.route.correctionSource !== "" ? "  ·  " + editor.route.correctionSource : "")
+                          : qsTr("No headphone correction")
+                    Accessible.name: qsTr("Headphone correction on")
+                    enabled: editor.route && editor.route.correction !== ""
+                    checked: editor.route && !editor.route.correctionBypassed
+                    onToggled: desk.setCorrectionBypassed(editor.route.routeId, !checked)
+                }
+                Row {
+                    spacing: 8
+                    Label { text: qsTr("Trim"); anchors.verticalCenter: parent.verticalCenter }
+                    DeskSlider {
+                        id: trim
+                        width: 140
+                        from: -12; to: 6; stepSize: 0.5
+                        deskValue: editor.route ? editor.route.trimDb : 0
+                        Accessible.name: qsTr("Output trim, %1").arg(Words.db(value))
+                        onEdited: value => desk.setTrim(editor.route.routeId, value)
+                    }
+                    Label { text: Words.db(trim.value); anchors.verticalCenter: parent.verticalCenter; width: 64 }
                 }
             }
-            Label { text: (trim.value > 0 ? "+" : "") + trim.value.toFixed(1) + " dB" }
+            CorrectionPicker {
+                Layout.fillWidth: true
+                route: editor.route
+            }
+            // Less used: kept folded so the desk stays readable at 1024×640.
+            Button {
+                id: moreToggle
+                text: (checked ? "▾ " : "▸ ") + qsTr("Per-channel offsets")
+                flat: true
+                checkable: true
+                Accessible.name: qsTr("Show per-channel offsets")
+            }
+            ChannelOffsets {
+                id: offsets
+                Layout.fillWidth: true
+                visible: moreToggle.checked
+                route: editor.route
+            }
+            AITunePanel {
+                Layout.fillWidth: true
+                visible: editor.route !== null && editor.route.aiTune !== "off"
+                route: visible ? editor.route : null
+            }
         }
-        CorrectionPicker {
-            Layout.fillWidth: true
-            route: editor.route
-        }
-        AITunePanel {
-            Layout.fillWidth: true
-            visible: editor.route !== null && editor.route.aiTune !== "off"
-            route: visible ? editor.route : null
-        }
-        Label {
-            visible: desk.lastError !== ""
-            text: desk.lastError
-            color: "#c0392b"
-        }
-        Item { Layout.fillHeight: true }
     }
 
     Label {

@@ -12,8 +12,18 @@ ApplicationWindow {
     visible: true
     title: qsTr("Tarn — sound desk")
 
-    SystemPalette { id: palette; colorGroup: SystemPalette.Active }
-    color: palette.window
+    // The application's palette (light or dark, as the desktop prefers) handed to every control.
+    SystemPalette { id: system; colorGroup: SystemPalette.Active }
+    SystemPalette { id: systemDisabled; colorGroup: SystemPalette.Disabled }
+    palette {
+        window: system.window; windowText: system.windowText; base: system.base; alternateBase: system.alternateBase
+        text: system.text; button: system.button; buttonText: system.buttonText; highlight: system.highlight
+        highlightedText: system.highlightedText; placeholderText: system.placeholderText; light: system.light
+        midlight: system.midlight; mid: system.mid; dark: system.dark; shadow: system.shadow
+        toolTipBase: system.base; toolTipText: system.text
+        disabled.text: systemDisabled.text; disabled.windowText: systemDisabled.windowText; disabled.buttonText: systemDisabled.buttonText
+    }
+    color: system.window
 
     readonly property color accent: "#2f9e6e"
     readonly property int selectedRow: {
@@ -26,6 +36,18 @@ ApplicationWindow {
         return selectedRow >= 0 ? desk.routes.get(selectedRow) : null
     }
 
+    Component.onCompleted: {
+        if (openAtStart === "settings") settingsDialog.open()
+        else if (openAtStart === "add") addDialog.open()
+        else if (openAtStart === "intro" || (openAtStart === "" && !settings.onboarded)) onboarding.open()
+    }
+
+    Shortcut { sequence: StandardKey.New; onActivated: addDialog.open() }
+    Shortcut { sequence: "Ctrl+N"; onActivated: addDialog.open() }
+    Shortcut { sequence: StandardKey.Delete; enabled: window.selected !== null; onActivated: removeDialog.open() }
+    Shortcut { sequence: "M"; enabled: window.selected !== null; onActivated: desk.setMuted(window.selected.routeId, !window.selected.muted) }
+    Shortcut { sequence: "Ctrl+,"; onActivated: settingsDialog.open() }
+
     header: ToolBar {
         RowLayout {
             anchors.fill: parent
@@ -34,43 +56,62 @@ ApplicationWindow {
             spacing: 12
             Label { text: "Tarn"; font.bold: true; font.pixelSize: 18 }
             Button {
-                id: addButton
                 text: qsTr("+ Add application")
                 Accessible.name: qsTr("Add application")
-                onClicked: addMenu.open()
-                Menu {
-                    id: addMenu
-                    y: addButton.height
-                    Repeater {
-                        model: desk.processes
-                        MenuItem {
-                            text: modelData.displayName + "  (" + modelData.bundleID + ")"
-                            enabled: modelData.bundleID !== ""
-                            onTriggered: desk.addRoute(modelData.bundleID, modelData.displayName)
-                        }
-                    }
-                    MenuItem { text: qsTr("Nothing is playing right now"); enabled: false; visible: desk.processes.length === 0; height: visible ? implicitHeight : 0 }
-                }
+                enabled: desk.reachable
+                onClicked: addDialog.open()
+                ToolTip.visible: hovered
+                ToolTip.text: qsTr("Route an application that plays sound (Ctrl+N)")
             }
+            LayoutButton { enabled: desk.reachable }
             Item { Layout.fillWidth: true }
             Label {
                 text: desk.reachable ? qsTr("%n route(s)", "", desk.routes.count) : ""
                 color: palette.placeholderText
             }
+            ToolButton {
+                text: "⚙"
+                font.pixelSize: 18
+                Accessible.name: qsTr("Settings")
+                onClicked: settingsDialog.open()
+                ToolTip.visible: hovered
+                ToolTip.text: qsTr("Settings")
+            }
         }
     }
 
-    // The desk cannot be reached: say so, never block.
+    // The desk's last refusal, until the next edit goes through or it is dismissed.
+    footer: Rectangle {
+        visible: desk.lastError !== ""
+        height: visible ? 34 : 0
+        color: Qt.rgba(0.75, 0.22, 0.17, 0.15)
+        RowLayout {
+            anchors.fill: parent
+            anchors.leftMargin: 12
+            anchors.rightMargin: 12
+            Label { objectName: "lastError"; text: desk.lastError; color: "#c0392b"; elide: Text.ElideRight; Layout.fillWidth: true }
+            ToolButton { text: "✕"; Accessible.name: qsTr("Dismiss"); onClicked: desk.clearLastError() }
+        }
+    }
+
+    // The desk cannot be reached: say so, never block, and offer to start it.
     Rectangle {
         id: banner
         visible: !desk.reachable
         anchors { left: parent.left; right: parent.right; top: parent.top }
-        height: visible ? 40 : 0
+        height: visible ? 44 : 0
         color: "#b3541e"
-        Label {
-            anchors.centerIn: parent
-            color: "white"
-            text: qsTr("The desk cannot be reached: %1").arg(desk.problem)
+        RowLayout {
+            anchors.fill: parent
+            anchors.leftMargin: 12
+            anchors.rightMargin: 12
+            Label {
+                Layout.fillWidth: true
+                color: "white"
+                elide: Text.ElideRight
+                text: qsTr("The desk cannot be reached: %1").arg(desk.problem)
+            }
+            Button { text: qsTr("Start the desk"); onClicked: desk.reconnect() }
         }
     }
 
@@ -80,21 +121,29 @@ ApplicationWindow {
 
         ListView {
             id: routeList
-            Layout.preferredWidth: 440
+            Layout.preferredWidth: Math.max(380, Math.min(460, window.width * 0.36))
             Layout.fillHeight: true
             clip: true
             model: desk.routes
             currentIndex: window.selectedRow
+            keyNavigationEnabled: true
+            activeFocusOnTab: true
+            Accessible.name: qsTr("Routes")
+            Keys.onUpPressed: if (currentIndex > 0) desk.selectRoute(desk.routes.get(currentIndex - 1).routeId)
+            Keys.onDownPressed: if (currentIndex < count - 1) desk.selectRoute(desk.routes.get(currentIndex + 1).routeId)
             delegate: RouteRow {
                 width: routeList.width
+                rowCount: routeList.count
                 selected: index === window.selectedRow
                 onClicked: desk.selectRoute(routeId)
             }
-            Label {
+            ColumnLayout {
                 anchors.centerIn: parent
                 visible: desk.reachable && desk.routes.count === 0
-                text: qsTr("No routes yet — add an application that plays sound.")
-                color: palette.placeholderText
+                spacing: 10
+                Label { text: qsTr("No routes yet"); font.bold: true; Layout.alignment: Qt.AlignHCenter }
+                Label { text: qsTr("Add an application that plays sound."); color: palette.placeholderText; Layout.alignment: Qt.AlignHCenter }
+                Button { text: qsTr("+ Add application"); Layout.alignment: Qt.AlignHCenter; onClicked: addDialog.open() }
             }
         }
 
@@ -102,8 +151,26 @@ ApplicationWindow {
 
         Editor {
             Layout.fillWidth: true
+            Layout.minimumWidth: 560
             Layout.fillHeight: true
             route: window.selected
         }
+    }
+
+    AddApplicationDialog { id: addDialog; objectName: "addDialog" }
+    SettingsDialog { id: settingsDialog; objectName: "settingsDialog"; onIntroductionRequested: onboarding.open() }
+    Onboarding { id: onboarding; objectName: "onboarding"; onAddRequested: addDialog.open() }
+    Dialog {
+        id: removeDialog
+        objectName: "removeDialog"
+        anchors.centerIn: parent
+        modal: true
+        Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.35) }
+        title: qsTr("Remove the route?")
+        standardButtons: Dialog.Ok | Dialog.Cancel
+        Label {
+            text: window.selected ? qsTr("%1 goes back to its normal output, and the route's settings are forgotten.").arg(window.selected.displayName) : ""
+        }
+        onAccepted: if (window.selected) desk.removeRoute(window.selected.routeId)
     }
 }

@@ -1,39 +1,54 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import "Words.js" as Words
 
 // One route: its application, health in words, where it plays, its mode, gain, mute and meters.
 ItemDelegate {
     id: row
+    objectName: "routeRow"
     property bool selected: false
-    height: 112
-    highlighted: selected
-    Accessible.name: displayName + ", " + healthText(health)
-
-    function healthText(h) {
-        return { idle: qsTr("Idle"), active: qsTr("Active"), lost: qsTr("Lost"), verifying: qsTr("Verifying"),
-                 verified: qsTr("Verified"), attention: qsTr("Attention"), paused: qsTr("Paused"),
-                 blocked: qsTr("Blocked") }[h] || h
+    property int rowCount: 0
+    readonly property string routeKey: routeId
+    height: 118
+    // A quiet mark for the selected route, so its meters stay readable.
+    background: Rectangle {
+        color: row.selected ? Qt.rgba(0.18, 0.62, 0.43, 0.14) : (row.hovered ? Qt.rgba(0.5, 0.5, 0.5, 0.08) : "transparent")
+        Rectangle { width: 4; height: parent.height; color: "#2f9e6e"; visible: row.selected }
+        Rectangle { width: parent.width; height: 1; anchors.bottom: parent.bottom; color: Qt.rgba(0.5, 0.5, 0.5, 0.2) }
     }
-    function healthColour(h) {
-        return { verified: "#2f9e6e", active: "#3b82c4", verifying: "#3b82c4", paused: "#8a8a8a",
-                 idle: "#8a8a8a", lost: "#c0392b", blocked: "#c0392b", attention: "#d68910" }[h] || "#8a8a8a"
-    }
+    Accessible.name: displayName + ", " + Words.category(category) + ", " + Words.health(health)
 
     contentItem: ColumnLayout {
         spacing: 4
         RowLayout {
             spacing: 8
+            AppIcon { identity: bundleID; category: model.category; name: displayName }
             Label { text: displayName; font.bold: true; elide: Text.ElideRight; Layout.fillWidth: true }
+            Label { text: Words.category(category); color: palette.placeholderText; font.pixelSize: 11 }
             Rectangle {
                 radius: 8
-                color: row.healthColour(health)
+                color: Words.healthColour(health)
                 implicitWidth: badge.implicitWidth + 14
                 implicitHeight: badge.implicitHeight + 4
-                Label { id: badge; anchors.centerIn: parent; text: row.healthText(health); color: "white"; font.pixelSize: 11 }
+                Label { id: badge; objectName: "healthBadge"; anchors.centerIn: parent; text: Words.health(health); color: "white"; font.pixelSize: 11 }
+            }
+            ToolButton {
+                text: "⋯"
+                implicitHeight: 26
+                Accessible.name: qsTr("More for %1").arg(displayName)
+                onClicked: rowMenu.open()
+                Menu {
+                    id: rowMenu
+                    MenuItem { text: qsTr("Move up"); enabled: index > 0; onTriggered: desk.moveRoute(routeId, index - 1) }
+                    MenuItem { text: qsTr("Move down"); enabled: index < row.rowCount - 1; onTriggered: desk.moveRoute(routeId, index + 1) }
+                    MenuSeparator {}
+                    MenuItem { text: qsTr("Remove route"); onTriggered: desk.removeRoute(routeId) }
+                }
             }
         }
         Label {
+            objectName: "routeMessage"
             visible: message !== ""
             text: message
             color: "#c0392b"
@@ -43,17 +58,11 @@ ItemDelegate {
         }
         RowLayout {
             spacing: 6
-            Repeater {
-                model: [["off", qsTr("Off")], ["auto", qsTr("Auto")], ["on", qsTr("On")]]
-                Button {
-                    text: modelData[1]
-                    checkable: true
-                    checked: mode === modelData[0]
-                    flat: !checked
-                    implicitHeight: 26
-                    Accessible.name: qsTr("Mode %1").arg(modelData[1])
-                    onClicked: desk.setMode(routeId, modelData[0])
-                }
+            Segmented {
+                options: [["off", qsTr("Off")], ["auto", qsTr("Auto")], ["on", qsTr("On")]]
+                current: mode
+                accessiblePrefix: qsTr("%1 mode").arg(displayName)
+                onChosen: key => desk.setMode(routeId, key)
             }
             ComboBox {
                 id: devicePicker
@@ -72,21 +81,17 @@ ItemDelegate {
         RowLayout {
             spacing: 8
             Label { text: qsTr("Gain"); font.pixelSize: 11 }
-            Slider {
+            DeskSlider {
                 id: gain
                 from: -30; to: 12; stepSize: 0.5
                 implicitWidth: 120
-                readonly property bool editing: pressed || gainEdit.running
-                Timer { id: gainEdit; interval: 800 }
-                Binding on value { value: gainDb; when: !gain.editing; restoreMode: Binding.RestoreNone }
-                Accessible.name: qsTr("Gain, %1 dB").arg(value.toFixed(1))
-                onMoved: {
-                    gainEdit.restart()
-                    desk.setGain(routeId, value)
-                }
+                deskValue: gainDb
+                Accessible.name: qsTr("%1 gain, %2").arg(displayName).arg(Words.db(value))
+                onEdited: value => desk.setGain(routeId, value)
             }
             CheckBox {
                 text: qsTr("Mute")
+                Accessible.name: qsTr("Mute %1").arg(displayName)
                 checked: muted
                 onToggled: desk.setMuted(routeId, checked)
             }
