@@ -43,6 +43,7 @@ install: deps
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do "$$b"; done
+	@bench/desk-window $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(TSAN_BUILD)

@@ -50,8 +50,7 @@ void DeskConnection::setLastError(const QString& error) {
 void DeskConnection::start() {
     bus_.connect(DeskBus::serviceName, DeskBus::objectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
                  this, SLOT(propertiesChanged(QString, QVariantMap, QStringList)));
-    bus_.connect(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName, "Meters", this,
-                 SLOT(meters(QString)));
+    if (metersWanted_) listenToMeters(true);
     readAll();
 }
 
@@ -76,7 +75,11 @@ void DeskConnection::readAll() {
     const QVariantMap all = qdbus_cast<QVariantMap>(reply.arguments().value(0));
     for (auto it = all.begin(); it != all.end(); ++it) apply(it.key(), it.value());
     // Meters come only while someone asks; the window asks once it is connected.
-    call("WatchMeters", {true});
+    deskInstance_ = reply.service();
+    if (metersWanted_ && meterInstance_ != deskInstance_) {
+        meterInstance_ = deskInstance_;
+        watchMeters(true);
+    }
     setReachable(all.value("Connected").toBool(),
                  all.value("Connected").toBool() ? QString() : QStringLiteral("the desk is waiting for the sound server"));
 }
@@ -126,6 +129,55 @@ void DeskConnection::showMeters() {
     routes_.setMeters(parseArray(pendingMeters_));
     pendingMeters_.clear();
     meterPace_.start();
+}
+
+void DeskConnection::setMetersWanted(bool wanted) {
+    if (wanted == metersWanted_) return;
+    metersWanted_ = wanted;
+    listenToMeters(wanted);
+    if (!wanted && !meterInstance_.isEmpty()) {
+        watchMeters(false);
+        meterInstance_.clear();
+    } else if (wanted && !deskInstance_.isEmpty()) {
+        meterInstance_ = deskInstance_;
+        watchMeters(true);
+    }
+}
+
+// Addressed to the desk instance itself, never to whichever runs under the desk's name now, so
+// that the requests the desk counts always pair up.
+void DeskConnection::watchMeters(bool on) {
+    auto message = QDBusMessage::createMethodCall(meterInstance_, DeskBus::objectPath, DeskBus::interfaceName,
+                                                  QStringLiteral("WatchMeters"));
+    message << on;
+    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(message, callTimeoutMs), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [this, on, instance = meterInstance_](QDBusPendingCallWatcher* w) {
+        w->deleteLater();
+        // A "no" that did not arrive costs this window nothing: it no longer listens, and an
+        // instance that has gone sends nothing more.
+        if (!w->isError() || !on) return;
+        if (w->error().type() == QDBusError::ServiceUnknown) {
+            // The desk restarted since it last answered: reading it again asks the new one.
+            if (meterInstance_ == instance) meterInstance_.clear();
+            retry_.start();
+            return;
+        }
+        setLastError(w->error().message());
+    });
+}
+
+// The signal is sent to everyone on the bus while any client wants it; a window that does not
+// want it drops its match so that the bus does not wake it twenty times a second.
+void DeskConnection::listenToMeters(bool on) {
+    if (on == listeningToMeters_) return;
+    listeningToMeters_ = on;
+    if (on)
+        bus_.connect(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName, "Meters", this,
+                     SLOT(meters(QString)));
+    else
+        bus_.disconnect(DeskBus::serviceName, DeskBus::objectPath, DeskBus::interfaceName, "Meters", this,
+                        SLOT(meters(QString)));
 }
 
 bool DeskConnection::call(const char* method, const QVariantList& arguments) {

@@ -99,6 +99,12 @@ public:
     Q_INVOKABLE void applyLayout(const QString& layout);
     Q_INVOKABLE void deleteLayout(const QString& layout);
 
+    // Whether meters are wanted (the default). A window nobody can see does not want them: the
+    // desk then stops sending them unless another client looks, and what others asked for is
+    // not delivered here.
+    void setMetersWanted(bool wanted);
+    bool metersWanted() const { return metersWanted_; }
+
 signals:
     void reachableChanged();
     void devicesChanged();
@@ -117,6 +123,8 @@ private:
     bool call(const char* method, const QVariantList& arguments);
     // A method that answers with a JSON object, waited for (reads only).
     QVariantMap query(const char* method, const QVariantList& arguments);
+    void watchMeters(bool on);
+    void listenToMeters(bool on);
     void readAll();
     void apply(const QString& name, const QVariant& value);
     void setReachable(bool reachable, const QString& problem);
@@ -142,6 +150,13 @@ private:
     bool reachable_ = false;
     QString problem_;
     QTimer retry_;
+    bool metersWanted_ = true;
+    bool listeningToMeters_ = false;
+    // The desk instance (its unique bus name) that last answered, and the one asked for meters.
+    // The desk counts every request of a client, so a second request to the same instance would
+    // take two refusals to stop its meters; one that restarted has forgotten the first.
+    QString deskInstance_;
+    QString meterInstance_;
 };
 
 } // namespace tarn::ui

@@ -79,7 +79,7 @@ void RouteListModel::setRoutes(const QJsonArray& routes) {
         rows_.clear();
         for (const auto& r : routes) {
             const QJsonObject route = r.toObject();
-            rows_.push_back({route, meterPosition(route.value("inputPeak").toDouble()),
+            rows_.push_back({route.value("id").toString(), route, meterPosition(route.value("inputPeak").toDouble()),
                              meterPosition(route.value("outputPeak").toDouble())});
         }
         endResetModel();
@@ -118,7 +118,7 @@ void RouteListModel::setMeters(const QJsonArray& meters) {
 
 int RouteListModel::indexOf(const QString& id) const {
     for (int i = 0; i < rows_.size(); ++i)
-        if (rows_[i].route.value("id").toString() == id) return i;
+        if (rows_[i].id == id) return i;
     return -1;
 }
 

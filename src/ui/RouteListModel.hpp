@@ -73,6 +73,7 @@ signals:
 
 private:
     struct Row {
+        QString id; // looked up for every meter update: kept out of the JSON
         QJsonObject route;
         double inputLevel = 0.0;
         double outputLevel = 0.0;
