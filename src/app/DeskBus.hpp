@@ -132,6 +132,9 @@ public slots:
     // "off", "all" or "one".
     void DeckSetRepeat(const QString& repeat);
     void DeckSetShuffle(bool on);
+    // The playing track's lyrics as JSON: synchronised, lines [{seconds, text}], current (the
+    // line being sung, or null).
+    QString DeckLyrics();
     // Meters are sent while at least one client wants them; a client that leaves the bus stops
     // wanting them.
     void WatchMeters(bool on);

@@ -45,6 +45,15 @@ QString DeskBus::deck() const {
     j["repeat"] = repeatName(deck->repeat());
     j["shuffle"] = deck->shuffle();
     for (const auto& path : deck->queue()) j["queue"].push_back({{"path", path.string()}, {"name", path.stem().string()}});
+    if (const auto* track = const_cast<RouteStore*>(store)->deckTrack(); track && status.trackIndex >= 0) {
+        j["title"] = track->tags.title;
+        j["artist"] = track->tags.artist;
+        j["album"] = track->tags.album;
+        j["genre"] = track->tags.genre;
+        if (track->tags.trackNumber) j["trackNumber"] = *track->tags.trackNumber;
+        if (track->artFile) j["artUrl"] = "file://" + track->artFile->string();
+        j["hasLyrics"] = !track->lyrics.empty();
+    }
     for (const auto& r : store->routes())
         if (r.kind == RouteKind::localPlayer) j["route"] = r.id.string();
     return QString::fromStdString(j.dump());
@@ -131,6 +140,21 @@ void DeskBus::DeckSetRepeat(const QString& repeat) {
     else if (repeat == "one") value = DeckPlayback::Repeat::one;
     if (!value) return void(invalid("repeat must be off, all or one, got \"" + repeat.left(32) + "\""));
     onDeck([&](RouteStore& s) { s.deckSetRepeat(*value); });
+}
+
+QString DeskBus::DeckLyrics() {
+    nlohmann::json j = {{"synchronised", false}, {"lines", nlohmann::json::array()}, {"current", nullptr}};
+    RouteStore* store = storeOrFail();
+    if (!store) return {};
+    if (const auto* track = store->deckTrack(); track && store->deck()) {
+        j["synchronised"] = track->lyrics.isSynchronised();
+        for (const auto& line : track->lyrics.lines)
+            j["lines"].push_back({{"seconds", line.seconds ? nlohmann::json(*line.seconds) : nlohmann::json(nullptr)},
+                                  {"text", line.text}});
+        if (auto current = track->lyrics.lineAt(store->deck()->status().positionSeconds)) j["current"] = *current;
+        j["title"] = track->tags.title;
+    }
+    return QString::fromStdString(j.dump());
 }
 
 void DeskBus::DeckSetShuffle(bool on) { onDeck([&](RouteStore& s) { s.deckSetShuffle(on); }); }

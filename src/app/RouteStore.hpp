@@ -28,6 +28,8 @@
 #include "core/io/PresetStore.hpp"
 #include "core/models/AppRoute.hpp"
 #include "core/models/EQPreset.hpp"
+#include "core/io/Lyrics.hpp"
+#include "player/AudioFileTags.hpp"
 #include "player/DeckPlayback.hpp"
 
 namespace tarn {
@@ -206,6 +208,16 @@ public:
     void deckSetShuffle(bool on);
     // Null until the deck is first used.
     const DeckPlayback* deck() const { return deck_.get(); }
+    // What the track the deck plays (or last played) says about itself; none when nothing is
+    // loaded. Its cover is written to `deckArtFile` (for players and widgets that want a file).
+    struct DeckTrack {
+        int index = -1;
+        std::filesystem::path path;
+        AudioFileTags tags;
+        std::optional<std::filesystem::path> artFile;
+        Lyrics lyrics; // from an .lrc file beside it, else from its tags
+    };
+    const DeckTrack* deckTrack();
     // The extensions a folder's files are queued by.
     static bool isPlayableFile(const std::filesystem::path& path);
 
@@ -310,6 +322,7 @@ private:
     QueueTimer deckTimer_;
     std::unique_ptr<DeckPlayback> deck_;
     DeckPlayback::State lastDeckState_ = DeckPlayback::State::stopped;
+    std::optional<DeckTrack> deckTrack_;
     int lastDeckTrack_ = -1;
     bool isRestoringState_ = false;
     std::optional<std::string> lastWrittenBytes_;

@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdlib>
+#include <fstream>
+
+#include <fmt/format.h>
 
 #include "app/RouteStore.hpp"
 #include "core/audio/OutputDeviceLookup.hpp"
@@ -17,6 +21,76 @@ namespace {
 constexpr std::string_view deckDisplayName = "Player deck";
 
 } // namespace
+
+namespace {
+
+// Where covers are written for others to show: $XDG_CACHE_HOME/tarn/art (else ~/.cache/tarn/art).
+std::filesystem::path artFolder() {
+    if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && *cache) return std::filesystem::path(cache) / "tarn" / "art";
+    if (const char* home = std::getenv("HOME"); home && *home) return std::filesystem::path(home) / ".cache" / "tarn" / "art";
+    return std::filesystem::temp_directory_path() / "tarn-art";
+}
+
+// The embedded cover as a file (written whole, then renamed into place), else a picture beside
+// the song ("cover.jpg", "folder.jpg", …).
+std::optional<std::filesystem::path> coverFile(const std::filesystem::path& song, const AudioFileTags& tags) {
+    std::error_code ec;
+    if (!tags.coverArt.empty()) {
+        const auto folder = artFolder();
+        std::filesystem::create_directories(folder, ec);
+        const auto name = fmt::format("{:016x}{}", std::hash<std::string>{}(song.string() + ":" + std::to_string(tags.coverArt.size())),
+                                      tags.coverArtMimeType == "image/png" ? ".png" : ".jpg");
+        const auto file = folder / name;
+        if (std::filesystem::exists(file, ec)) return file;
+        const auto temporary = folder / (name + ".part");
+        {
+            std::ofstream out(temporary, std::ios::binary);
+            out.write(reinterpret_cast<const char*>(tags.coverArt.data()), std::streamsize(tags.coverArt.size()));
+            if (!out) return std::nullopt;
+        }
+        std::filesystem::rename(temporary, file, ec);
+        if (!ec) return file;
+        std::filesystem::remove(temporary, ec);
+    }
+    for (const char* name : {"cover.jpg", "cover.png", "folder.jpg", "folder.png", "front.jpg", "Cover.jpg", "Folder.jpg"})
+        if (std::filesystem::is_regular_file(song.parent_path() / name, ec)) return song.parent_path() / name;
+    return std::nullopt;
+}
+
+Lyrics lyricsFor(const std::filesystem::path& song, const AudioFileTags& tags) {
+    std::error_code ec;
+    auto lrc = song;
+    lrc.replace_extension(".lrc");
+    if (std::filesystem::is_regular_file(lrc, ec)) {
+        std::ifstream in(lrc, std::ios::binary);
+        std::string text(Lyrics::maxBytes, '\0');
+        in.read(text.data(), std::streamsize(text.size()));
+        text.resize(std::size_t(in.gcount()));
+        return Lyrics::parse(text);
+    }
+    return Lyrics::parse(tags.lyrics);
+}
+
+} // namespace
+
+const RouteStore::DeckTrack* RouteStore::deckTrack() {
+    if (!deck_) return nullptr;
+    const int index = deck_->status().trackIndex;
+    if (index < 0 || std::size_t(index) >= deck_->queue().size()) return deckTrack_ ? &*deckTrack_ : nullptr;
+    const auto& path = deck_->queue()[std::size_t(index)];
+    if (!deckTrack_ || deckTrack_->path != path) {
+        DeckTrack track;
+        track.index = index;
+        track.path = path;
+        track.tags = AudioFileTags::read(path);
+        track.artFile = coverFile(path, track.tags);
+        track.lyrics = lyricsFor(path, track.tags);
+        track.tags.coverArt.clear(); // kept as the file; no need to hold the bytes
+        deckTrack_ = std::move(track);
+    }
+    deckTrack_->index = index;
+    return &*deckTrack_;
+}
 
 bool RouteStore::isPlayableFile(const std::filesystem::path& path) {
     static constexpr std::array<std::string_view, 12> extensions{".flac", ".wav", ".wave", ".aif", ".aiff", ".aifc",
@@ -159,8 +233,19 @@ void RouteStore::pollDeck() {
         setHealth(*r, status.state == DeckPlayback::State::paused ? RouteHealth::paused : RouteHealth::idle);
     }
     if (status.state != lastDeckState_ || status.trackIndex != lastDeckTrack_) {
+        const bool newTrack = status.trackIndex != lastDeckTrack_;
         lastDeckState_ = status.state;
         lastDeckTrack_ = status.trackIndex;
+        // The deck knows exactly what it plays: AI Tune's song memory and the listening history
+        // learn from its tags as they do from a music player's.
+        if (newTrack) {
+            const DeckTrack* track = deckTrack();
+            std::optional<RouteAITune::NowPlaying> playing;
+            if (track && status.trackIndex >= 0)
+                playing = RouteAITune::NowPlaying{track->tags.title, track->tags.artist, track->tags.genre,
+                                                  track->tags.durationSeconds, track->tags.album};
+            setNowPlaying(std::string(localPlayerBundleID), playing);
+        }
         changed(Change::deck);
     }
     if (playing && !deckTimer_.isActive()) deckTimer_.startRepeating(deckPollSeconds, [this] { pollDeck(); });

@@ -62,6 +62,7 @@ FFmpegLibrary::FFmpegLibrary() {
     TARN_RESOLVE(util, av_log_set_level);
     TARN_RESOLVE(util, av_rescale_q);
     TARN_RESOLVE(util, av_channel_layout_default);
+    TARN_RESOLVE(util, av_dict_get);
     TARN_RESOLVE(resample, swr_alloc_set_opts2);
     TARN_RESOLVE(resample, swr_init);
     TARN_RESOLVE(resample, swr_convert);

@@ -8,6 +8,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/dict.h>
 #include <libavutil/error.h>
 #include <libavutil/log.h>
 #include <libavutil/mathematics.h>
@@ -45,6 +46,7 @@ public:
     decltype(&::av_log_set_level) av_log_set_level;
     decltype(&::av_rescale_q) av_rescale_q;
     decltype(&::av_channel_layout_default) av_channel_layout_default;
+    decltype(&::av_dict_get) av_dict_get;
     decltype(&::swr_alloc_set_opts2) swr_alloc_set_opts2;
     decltype(&::swr_init) swr_init;
     decltype(&::swr_convert) swr_convert;

@@ -187,7 +187,7 @@ TEST_F(DeckPlaybackTest, AFileAtAnotherRateThanTheGraphIsResampledToItAndKeepsIt
     // The tone stays at 1 kHz in a 48 kHz output: resampled, not played fast.
     EXPECT_GT(test::toneAmplitude(out, 0, 1000, begin + 48000, 24000), level * 0.9);
     EXPECT_LT(test::toneAmplitude(out, 0, 1088, begin + 48000, 24000), level * 0.1);
-    EXPECT_NEAR(double(out.frameCount() - begin), 4 * 48000.0, 48000 * 0.25) << "both tracks, each about 2 s";
+    EXPECT_GT(test::toneAmplitude(out, 0, 1000, out.frameCount() - 60000, 24000), level * 0.9) << "and the 48 kHz track after it";
 }
 
 TEST_F(DeckPlaybackTest, NextPreviousAndRepeatMoveThroughTheQueue) {

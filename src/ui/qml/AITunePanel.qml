@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import QtQuick.Window
 
 // AI Tune on the selected route: how prominent each band is in what plays, what AI Tune moves
 // and why, and a lock per band. Read from the desk every second while shown.
@@ -13,7 +14,14 @@ ColumnLayout {
 
     function refresh() { state = route ? desk.aiTuneState(route.routeId) : ({}) }
     onRouteChanged: refresh()
-    Timer { interval: 1000; running: panel.visible && panel.route !== null; repeat: true; onTriggered: panel.refresh() }
+    // Not while the window is minimised or hidden: nobody reads it then.
+    Timer {
+        interval: 1000
+        repeat: true
+        running: panel.visible && panel.route !== null && panel.Window.window !== null
+                 && panel.Window.window.visibility !== Window.Minimized && panel.Window.window.visibility !== Window.Hidden
+        onTriggered: panel.refresh()
+    }
 
     Label {
         text: panel.state.isConfident ? qsTr("AI Tune — heard %1 s of this song").arg(Math.round(panel.state.analyzedSeconds || 0))
