@@ -58,7 +58,9 @@ int status(const DeckOptions& o) {
         fmt::print("{} · {} in the queue\n", deck.value("state", "stopped"), queue.size());
         return exitOk;
     }
-    fmt::print("{}  {}  {} / {}  ({} of {}{}{})\n", deck.value("state", ""), queue[std::size_t(track)].value("name", ""),
+    std::string title = deck.value("title", queue[std::size_t(track)].value("name", ""));
+    if (const std::string artist = deck.value("artist", ""); !artist.empty()) title += " — " + artist;
+    fmt::print("{}  {}  {} / {}  ({} of {}{}{})\n", deck.value("state", ""), title,
                clock(deck.value("positionSeconds", 0.0)), clock(deck.value("durationSeconds", 0.0)), track + 1, queue.size(),
                deck.value("repeat", "off") != "off" ? ", repeat " + deck.value("repeat", "") : "",
                deck.value("shuffle", false) ? ", shuffle" : "");
@@ -79,6 +81,28 @@ int queue(const DeckOptions& o) {
         ++i;
     }
     if (i == 0) fmt::print("the queue is empty (tarn deck open FILE|FOLDER)\n");
+    return exitOk;
+}
+
+int lyrics(const DeckOptions& o) {
+    DeskClient desk;
+    const auto text = desk.callText("DeckLyrics");
+    const auto j = nlohmann::json::parse(text, nullptr, false);
+    if (o.json) {
+        fmt::print("{}\n", j.dump(2));
+        return exitOk;
+    }
+    if (!j.is_object() || j["lines"].empty()) {
+        fmt::print("no lyrics for this track (none in its tags, no .lrc file beside it)\n");
+        return exitOk;
+    }
+    const int current = j["current"].is_number() ? j["current"].get<int>() : -1;
+    int i = 0;
+    for (const auto& line : j["lines"]) {
+        const std::string stamp = line["seconds"].is_number() ? "[" + clock(line["seconds"].get<double>()) + "] " : "";
+        fmt::print("{} {}{}\n", i == current ? "▶" : " ", stamp, line.value("text", ""));
+        ++i;
+    }
     return exitOk;
 }
 
@@ -131,6 +155,10 @@ Command makeDeckCommand(CLI::App& root) {
     c = deck->add_subcommand("queue", "The queue, the playing entry marked");
     c->add_flag("--json", o->json, "The queue as JSON");
     on(c, [o] { return queue(*o); });
+
+    c = deck->add_subcommand("lyrics", "The playing track's lyrics, the line being sung marked (from an .lrc beside it or its tags)");
+    c->add_flag("--json", o->json, "The lyrics as JSON: synchronised, lines [{seconds, text}], current");
+    on(c, [o] { return lyrics(*o); });
 
     return {deck, [run] { return (*run)(); }};
 }

@@ -107,6 +107,9 @@ void DeskConnection::apply(const QString& name, const QVariant& value) {
     } else if (name == "ActiveLayout") {
         activeLayout_ = value.toString();
         emit layoutsChanged();
+    } else if (name == "Deck") {
+        deck_ = QJsonDocument::fromJson(value.toString().toUtf8()).object().toVariantMap();
+        emit deckChanged();
     } else if (name == "Connected") {
         setReachable(value.toBool(), value.toBool() ? QString() : QStringLiteral("the desk is waiting for the sound server"));
     }
@@ -248,6 +251,34 @@ QVariantMap DeskConnection::query(const char* method, const QVariantList& argume
     const QDBusMessage reply = bus_.call(message, QDBus::Block, callTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage) return {};
     return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).object().toVariantMap();
+}
+
+void DeskConnection::deckOpen(const QList<QUrl>& files, bool append) {
+    QStringList paths;
+    for (const QUrl& url : files) {
+        if (!url.isLocalFile()) return setLastError(url.toString().left(200) + ": the deck plays local files only");
+        paths << url.toLocalFile();
+    }
+    if (paths.isEmpty()) return;
+    call("DeckOpen", {paths, append});
+    if (!append) call("DeckPlay", {-1});
+}
+void DeskConnection::deckPlay(int index) { call("DeckPlay", {index}); }
+void DeskConnection::deckPause() { call("DeckPause", {}); }
+void DeskConnection::deckNext() { call("DeckNext", {}); }
+void DeskConnection::deckPrevious() { call("DeckPrevious", {}); }
+void DeskConnection::deckSeek(double seconds) { call("DeckSeek", {seconds}); }
+void DeskConnection::deckMove(int from, int to) { call("DeckMove", {from, to}); }
+QVariantMap DeskConnection::deckLyrics() { return query("DeckLyrics", {}); }
+
+double DeskConnection::deckPosition() {
+    auto message = QDBusMessage::createMethodCall(DeskBus::serviceName, DeskBus::objectPath,
+                                                  "org.freedesktop.DBus.Properties", "Get");
+    message << QString(DeskBus::interfaceName) << QStringLiteral("Deck");
+    const QDBusMessage reply = bus_.call(message, QDBus::Block, callTimeoutMs);
+    if (reply.type() != QDBusMessage::ReplyMessage) return 0;
+    const QString json = qdbus_cast<QDBusVariant>(reply.arguments().value(0)).variant().toString();
+    return QJsonDocument::fromJson(json.toUtf8()).object().value("positionSeconds").toDouble();
 }
 
 QVariantMap DeskConnection::aiTuneState(const QString& route) { return query("AITuneState", {route}); }

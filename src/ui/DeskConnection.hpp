@@ -28,6 +28,9 @@ class DeskConnection : public QObject {
     Q_PROPERTY(QVariantList presets READ presets NOTIFY presetsChanged)
     Q_PROPERTY(QVariantList layouts READ layouts NOTIFY layoutsChanged)
     Q_PROPERTY(QString activeLayout READ activeLayout NOTIFY layoutsChanged)
+    // The player deck: state, trackIndex, title, artist, album, artUrl, durationSeconds, repeat,
+    // shuffle, queue [{path, name}]. The position moves without notice: ask deckPosition().
+    Q_PROPERTY(QVariantMap deck READ deck NOTIFY deckChanged)
     // At most this many meter updates a second reach the view (the desk sends up to 20).
     Q_PROPERTY(int meterRateHz READ meterRateHz WRITE setMeterRateHz NOTIFY meterRateChanged)
 
@@ -51,6 +54,7 @@ public:
     const QVariantList& presets() const { return presets_; }
     const QVariantList& layouts() const { return layouts_; }
     const QString& activeLayout() const { return activeLayout_; }
+    const QVariantMap& deck() const { return deck_; }
     int meterRateHz() const { return meterRateHz_; }
     void setMeterRateHz(int hz);
 
@@ -98,6 +102,18 @@ public:
     Q_INVOKABLE void saveLayout(const QString& name, const QString& deviceUID);
     Q_INVOKABLE void applyLayout(const QString& layout);
     Q_INVOKABLE void deleteLayout(const QString& layout);
+    // The deck. Dropped or chosen files arrive as local file URLs; `append` keeps the queue.
+    Q_INVOKABLE void deckOpen(const QList<QUrl>& files, bool append);
+    Q_INVOKABLE void deckPlay(int index);
+    Q_INVOKABLE void deckPause();
+    Q_INVOKABLE void deckNext();
+    Q_INVOKABLE void deckPrevious();
+    Q_INVOKABLE void deckSeek(double seconds);
+    Q_INVOKABLE void deckMove(int from, int to);
+    // Seconds into the playing track, read now (0 when the desk does not answer).
+    Q_INVOKABLE double deckPosition();
+    // The playing track's lyrics: synchronised, lines [{seconds, text}], current.
+    Q_INVOKABLE QVariantMap deckLyrics();
 
     // Whether meters are wanted (the default). A window nobody can see does not want them: the
     // desk then stops sending them unless another client looks, and what others asked for is
@@ -113,6 +129,7 @@ signals:
     void lastErrorChanged();
     void presetsChanged();
     void layoutsChanged();
+    void deckChanged();
     void meterRateChanged();
 
 private slots:
@@ -143,6 +160,7 @@ private:
     QVariantList presets_;
     QVariantList layouts_;
     QString activeLayout_;
+    QVariantMap deck_;
     int meterRateHz_ = 20;
     // The newest meters not yet shown, and the pacing of what the view is given.
     QString pendingMeters_;

@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls
+import QtQuick.Dialogs
 import QtQuick.Layouts
 
 // The desk: the routes on the left, the selected route's editor on the right.
@@ -64,6 +65,13 @@ ApplicationWindow {
                 ToolTip.text: qsTr("Route an application that plays sound (Ctrl+N)")
             }
             LayoutButton { enabled: desk.reachable }
+            Button {
+                text: qsTr("♪ Play files…")
+                flat: true
+                enabled: desk.reachable
+                Accessible.name: qsTr("Play files on the player deck")
+                onClicked: deckFiles.open()
+            }
             Item { Layout.fillWidth: true }
             Label {
                 text: desk.reachable ? qsTr("%n route(s)", "", desk.routes.count) : ""
@@ -115,8 +123,25 @@ ApplicationWindow {
         }
     }
 
+    // Files dropped onto the desk go to the player deck's queue (and play when nothing did).
+    DropArea {
+        anchors.fill: parent
+        keys: ["text/uri-list"]
+        onDropped: drop => {
+            if (!drop.hasUrls) return
+            desk.deckOpen(drop.urls, (desk.deck.queue || []).length > 0)
+            drop.acceptProposedAction()
+        }
+    }
+
+    DeckBar {
+        id: deckBar
+        anchors { left: parent.left; right: parent.right; bottom: parent.bottom }
+        height: visible ? implicitHeight : 0
+    }
+
     RowLayout {
-        anchors { left: parent.left; right: parent.right; top: banner.bottom; bottom: parent.bottom }
+        anchors { left: parent.left; right: parent.right; top: banner.bottom; bottom: deckBar.top }
         spacing: 0
 
         ListView {
@@ -157,6 +182,13 @@ ApplicationWindow {
         }
     }
 
+    FileDialog {
+        id: deckFiles
+        title: qsTr("Play files on the player deck")
+        fileMode: FileDialog.OpenFiles
+        nameFilters: [qsTr("Music (*.flac *.wav *.aif *.aiff *.mp3 *.m4a *.aac)"), qsTr("All files (*)")]
+        onAccepted: desk.deckOpen(selectedFiles, false)
+    }
     AddApplicationDialog { id: addDialog; objectName: "addDialog" }
     SettingsDialog { id: settingsDialog; objectName: "settingsDialog"; onIntroductionRequested: onboarding.open() }
     Onboarding { id: onboarding; objectName: "onboarding"; onAddRequested: addDialog.open() }
