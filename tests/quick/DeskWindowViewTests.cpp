@@ -194,6 +194,27 @@ TEST_F(DeskView, TheCurveIsAskedForOncePerEditBurstNeverForMetersAndFollowsTheOf
     ASSERT_TRUE(eventually([&] { return fake->last("ResponseCurve") && fake->last("ResponseCurve")->arguments.value(1).toInt() == 1; }));
 }
 
+TEST_F(DeskView, TheDeckBarShowsWhatPlaysAndItsControlsReachTheDeck) {
+    EXPECT_EQ(item("deckTitle"), nullptr) << "no deck bar while nothing is queued";
+    fake->set("Deck", R"({"state":"paused","trackIndex":0,"title":"Morning Tide","artist":"The Tarns",)"
+                      R"("durationSeconds":200,"positionSeconds":50,"queue":[{"path":"/m/1.flac","name":"1"},{"path":"/m/2.flac","name":"2"}]})");
+    ASSERT_TRUE(eventually([&] { return item("deckTitle") && item("deckTitle")->property("text").toString() == "Morning Tide"; }));
+
+    // The play button plays (the deck is paused); a drag on the position seeks once, on release.
+    QQuickItem* position = item("deckPosition");
+    ASSERT_TRUE(position);
+    EXPECT_DOUBLE_EQ(position->property("value").toDouble(), 50.0);
+    const QPointF left = position->mapToScene(QPointF(position->width() * 0.02, position->height() / 2));
+    const QPointF threeQuarters = position->mapToScene(QPointF(position->width() * 0.75, position->height() / 2));
+    QTest::mousePress(window, Qt::LeftButton, {}, left.toPoint());
+    for (int i = 1; i <= 10; ++i) QTest::mouseMove(window, (left + (threeQuarters - left) * (i / 10.0)).toPoint(), 5);
+    QTest::mouseRelease(window, Qt::LeftButton, {}, threeQuarters.toPoint(), 5);
+    const auto seek = awaitCall("DeckSeek");
+    ASSERT_TRUE(seek);
+    EXPECT_NEAR(seek->arguments.value(0).toDouble(), 150.0, 12.0) << "three quarters into 200 s";
+    EXPECT_EQ(fake->count("DeckSeek"), 1) << "one seek for one drag";
+}
+
 TEST_F(DeskView, EveryDialogOpensWithoutAWarning) {
     for (const char* name : {"addDialog", "settingsDialog", "onboarding", "removeDialog"}) {
         QObject* dialog = object(name);

@@ -46,6 +46,7 @@ void FakeDesk::set(const char* property, const QString& json) {
     else if (name == "Presets") presets_ = json;
     else if (name == "Layouts") layouts_ = json;
     else if (name == "SelectedRoute") selectedRoute_ = json;
+    else if (name == "Deck") deck_ = json;
     auto signal = QDBusMessage::createSignal(DeskBus::objectPath, QStringLiteral("org.freedesktop.DBus.Properties"),
                                              QStringLiteral("PropertiesChanged"));
     signal << QString(DeskBus::interfaceName) << QVariantMap{{name, json}} << QStringList();
@@ -133,5 +134,19 @@ QString FakeDesk::SaveLayout(const QString& n, const QString& d) {
 void FakeDesk::ApplyLayout(const QString& l) { record("ApplyLayout", {l}); }
 void FakeDesk::DeleteLayout(const QString& l) { record("DeleteLayout", {l}); }
 void FakeDesk::WatchMeters(bool on) { record("WatchMeters", {on}); }
+int FakeDesk::DeckOpen(const QStringList& paths, bool append) {
+    record("DeckOpen", {paths, append});
+    return int(paths.size());
+}
+void FakeDesk::DeckPlay(int index) { record("DeckPlay", {index}); }
+void FakeDesk::DeckPause() { record("DeckPause", {}); }
+void FakeDesk::DeckNext() { record("DeckNext", {}); }
+void FakeDesk::DeckPrevious() { record("DeckPrevious", {}); }
+void FakeDesk::DeckSeek(double seconds) { record("DeckSeek", {seconds}); }
+void FakeDesk::DeckMove(int from, int to) { record("DeckMove", {from, to}); }
+QString FakeDesk::DeckLyrics() {
+    record("DeckLyrics", {});
+    return QStringLiteral(R"({"synchronised":true,"lines":[{"seconds":0.5,"text":"Out on the water"}],"current":0})");
+}
 
 } // namespace tarn::test

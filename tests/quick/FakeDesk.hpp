@@ -28,6 +28,7 @@ class FakeDesk : public QObject {
     Q_PROPERTY(QString SelectedRoute READ selectedRoute)
     Q_PROPERTY(QString ActiveLayout READ activeLayout)
     Q_PROPERTY(bool Connected READ connected)
+    Q_PROPERTY(QString Deck READ deck)
 
 public:
     struct Call {
@@ -51,6 +52,7 @@ public:
     QString layouts() const { return locked(layouts_); }
     QString selectedRoute() const { return locked(selectedRoute_); }
     QString activeLayout() const { return QString(); }
+    QString deck() const { return locked(deck_); }
     bool connected() const { return true; }
 
     std::vector<Call> calls() const;
@@ -88,6 +90,14 @@ public slots:
     void ApplyLayout(const QString& layout);
     void DeleteLayout(const QString& layout);
     void WatchMeters(bool on);
+    int DeckOpen(const QStringList& paths, bool append);
+    void DeckPlay(int index);
+    void DeckPause();
+    void DeckNext();
+    void DeckPrevious();
+    void DeckSeek(double seconds);
+    void DeckMove(int from, int to);
+    QString DeckLyrics();
 
 signals:
     void Meters(const QString& json);
@@ -103,6 +113,7 @@ private:
     QDBusConnection bus_;
     QString routes_ = "[]", processes_ = "[]", devices_ = "[]", presets_ = "[]", layouts_ = "[]";
     QString selectedRoute_;
+    QString deck_ = R"({"state":"stopped","queue":[]})";
     mutable QMutex mutex_; // the calls and the published values, shared with the test's thread
     std::vector<Call> calls_;
     QThread thread_;

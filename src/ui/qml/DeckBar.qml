@@ -80,7 +80,13 @@ Pane {
             from: 0
             to: Math.max(bar.duration, 1)
             enabled: bar.duration > 0
-            value: pressed ? value : bar.position
+            // Follows the deck unless held; depends on `to` too, so a new track's length never
+            // leaves the handle clamped where the old one ended.
+            Binding on value {
+                value: Math.min(bar.position, seek.to)
+                when: !seek.pressed
+                restoreMode: Binding.RestoreNone
+            }
             Accessible.name: qsTr("Position, %1 of %2").arg(bar.clock(bar.position)).arg(bar.clock(bar.duration))
             onPressedChanged: if (!pressed) { desk.deckSeek(value); bar.position = value }
             Keys.onPressed: event => {
