@@ -69,6 +69,9 @@ QString DeskBus::routes() const {
         nlohmann::json j = r;
         j["isLive"] = store->liveEngines().count(r.id) > 0;
         j["category"] = categoryOf(r.bundleID, r.displayName);
+        // The deck knows what it plays: the listener's usual genre is offered as its preset.
+        if (r.kind == RouteKind::localPlayer)
+            if (auto genre = store->suggestedGenre()) j["suggestedGenre"] = std::string(toString(*genre));
         auto error = store->lastStartError().find(r.id);
         j["lastStartError"] =
             error == store->lastStartError().end() ? nlohmann::json(nullptr) : nlohmann::json(error->second);

@@ -45,6 +45,7 @@ QVariant RouteListModel::data(const QModelIndex& index, int role) const {
         const QJsonObject profile = r.value("correctionProfileSnapshot").toObject();
         return profile.value("measurementProvider").toString(profile.value("sourceProject").toString());
     }
+    case SuggestedGenreRole: return r.value("suggestedGenre").toString();
     case CategoryRole: return r.value("category").toString("other");
     // A route that has not played yet has no output format: stereo is what it will most likely get.
     case ChannelCountRole: {
@@ -67,7 +68,7 @@ QHash<int, QByteArray> RouteListModel::roleNames() const {
             {OutputLevelRole, "outputLevel"}, {EQBypassedRole, "eqBypassed"},
             {CorrectionBypassedRole, "correctionBypassed"}, {CorrectionRole, "correction"},
             {CategoryRole, "category"}, {ChannelCountRole, "channelCount"}, {ChannelDeltasRole, "channelDeltas"},
-            {CorrectionSourceRole, "correctionSource"}};
+            {CorrectionSourceRole, "correctionSource"}, {SuggestedGenreRole, "suggestedGenre"}};
 }
 
 void RouteListModel::setRoutes(const QJsonArray& routes) {

@@ -44,6 +44,7 @@ public:
         ChannelCountRole,
         ChannelDeltasRole,
         CorrectionSourceRole,
+        SuggestedGenreRole,
     };
 
     // Meters show −60 … 0 dBFS.

@@ -10,6 +10,8 @@ Pane {
     property var route: null
     readonly property var bandLabels: ["31", "62", "125", "250", "500", "1k", "2k", "4k", "8k", "16k"]
     readonly property var bandNames: ["31 Hz", "62 Hz", "125 Hz", "250 Hz", "500 Hz", "1 kHz", "2 kHz", "4 kHz", "8 kHz", "16 kHz"]
+    readonly property var genreKeys: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
+    readonly property var genreNames: [qsTr("Flat"), qsTr("Reference"), qsTr("EDM"), qsTr("Hip-hop"), qsTr("Rock"), qsTr("Pop"), qsTr("Vocal"), qsTr("Acoustic"), qsTr("Classical"), qsTr("Trap")]
     // Page Up / Page Down move a band this far; arrows move it one step.
     readonly property real pageStepDb: 3
     readonly property string deviceName: {
@@ -93,12 +95,20 @@ Pane {
                     spacing: 8
                     Label { text: qsTr("Genre"); anchors.verticalCenter: parent.verticalCenter }
                     ComboBox {
-                        readonly property var keys: ["flat", "reference", "edm", "hipHop", "rock", "pop", "vocal", "acoustic", "classical", "trap"]
-                        model: [qsTr("Flat"), qsTr("Reference"), qsTr("EDM"), qsTr("Hip-hop"), qsTr("Rock"), qsTr("Pop"), qsTr("Vocal"), qsTr("Acoustic"), qsTr("Classical"), qsTr("Trap")]
-                        currentIndex: editor.route ? Math.max(0, keys.indexOf(editor.route.genre)) : 0
-                        onActivated: index => desk.setGenre(editor.route.routeId, keys[index])
+                        model: editor.genreNames
+                        currentIndex: editor.route ? Math.max(0, editor.genreKeys.indexOf(editor.route.genre)) : 0
+                        onActivated: index => desk.setGenre(editor.route.routeId, editor.genreKeys[index])
                         Accessible.name: qsTr("Genre preset")
                     }
+                }
+                Button {
+                    readonly property int suggested: editor.route ? editor.genreKeys.indexOf(editor.route.suggestedGenre) : -1
+                    visible: suggested >= 0 && editor.route.suggestedGenre !== editor.route.genre
+                    text: visible ? qsTr("Your listening suggests %1").arg(editor.genreNames[suggested]) : ""
+                    flat: true
+                    ToolTip.visible: hovered
+                    ToolTip.text: qsTr("From the genres of what you played; click to use that preset")
+                    onClicked: desk.setGenre(editor.route.routeId, editor.route.suggestedGenre)
                 }
                 Row {
                     spacing: 8
