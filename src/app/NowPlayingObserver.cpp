@@ -13,6 +13,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include "app/DeckMprisPlayer.hpp"
+
 namespace tarn {
 
 namespace {
@@ -38,7 +40,10 @@ constexpr double maxTrackSeconds = 7 * 24 * 3600.0;
 // the pid of its connection.
 constexpr int firstQueryCount = 3;
 
-bool isMprisName(const QString& name) { return name.startsWith(mprisPrefix) && name.size() > mprisPrefix.size(); }
+// The desk's own player deck is one of its routes, not an application to route.
+bool isMprisName(const QString& name) {
+    return name.startsWith(mprisPrefix) && name.size() > mprisPrefix.size() && !DeckMprisPlayer::isOwnBusName(name);
+}
 
 template <typename Handler>
 void whenAnswered(QObject* context, const QDBusPendingCall& call, Handler handler) {

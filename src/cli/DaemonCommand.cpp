@@ -16,6 +16,7 @@
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "app/DeckMprisPlayer.hpp"
 #include "app/DeskBus.hpp"
 #include "app/DeskService.hpp"
 #include "app/ProcessTree.hpp"
@@ -65,6 +66,7 @@ int runDaemon(const DaemonOptions& options) {
         PreferencesStore::standard(), &songMemory);
     DeskBus deskBus(service, bus);
     NowPlayingBridge nowPlaying(service, deskBus, bus);
+    DeckMprisPlayer deckPlayer(service, bus);
     if (!deskBus.registerObject())
         throw CommandError(exitFailure, fmt::format("cannot offer {} on the session bus: {}", DeskBus::objectPath,
                                                     bus.lastError().message().toStdString()));
@@ -98,6 +100,10 @@ int runDaemon(const DaemonOptions& options) {
     }
     service.start();
     nowPlaying.start();
+    // Media keys and the desktop's sound menu reach the deck through it; the desk works without.
+    if (!deckPlayer.publish())
+        spdlog::warn("the player deck is not offered to media keys ({} on the session bus): {}",
+                     DeckMprisPlayer::serviceName, bus.lastError().message().toStdString());
     // The session ended (its bus went away): so does the desk, giving every route back.
     bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local", "Disconnected", &app,
                 SLOT(quit()));

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "app/DeckMprisPlayer.hpp"
 #include "app/NowPlayingObserver.hpp"
 #include "dbus/ChildPlayer.hpp"
 #include "dbus/MprisTestPlayer.hpp"
@@ -146,6 +147,34 @@ TEST_F(NowPlayingTest, SeesPlayersThereBeforeAndAfterItStartsWithTheirPidsAndThe
     ASSERT_TRUE(eventually([&] { return gone.size() == 2; }));
     EXPECT_EQ(gone.back(), std::make_pair(early.busName().toStdString(), std::int32_t(getpid())));
     EXPECT_TRUE(observer->players().empty());
+}
+
+TEST_F(NowPlayingTest, TheDesksOwnPlayerDeckIsNotAnApplicationsPlayer) {
+    // The same process owns every player here, so only the name can tell the deck apart.
+    auto addNamed = [&](const QString& name) -> MprisTestPlayer& {
+        auto p = std::make_unique<MprisTestPlayer>(bus.connect(), name);
+        p->set(playerInterface, status, QStringLiteral("Playing"), false);
+        p->set(playerInterface, metadata, song(), false);
+        EXPECT_TRUE(p->publish()) << name.toStdString();
+        players.push_back(std::move(p));
+        return *players.back();
+    };
+    const QString deck = QString::fromLatin1(DeckMprisPlayer::serviceName);
+    addNamed(deck);
+    auto& before = addPlayer("before", QStringLiteral("Playing"), song());
+    ASSERT_TRUE(observer->start());
+    ASSERT_TRUE(announced(before.busName()));
+    // A deck that comes later (a second desk's instance name) is left out too; the player after
+    // it is announced only once the bus has told of the deck's name.
+    addNamed(deck + QStringLiteral(".instance2"));
+    auto& after = addPlayer("after", QStringLiteral("Playing"), song());
+    ASSERT_TRUE(announced(after.busName()));
+
+    EXPECT_EQ(observer->players().size(), 2u);
+    EXPECT_EQ(observer->player(deck.toStdString()), nullptr);
+    EXPECT_EQ(observer->player((deck + QStringLiteral(".instance2")).toStdString()), nullptr);
+    for (const auto& r : reports) EXPECT_FALSE(DeckMprisPlayer::isOwnBusName(QString::fromStdString(r.busName))) << r.busName;
+    EXPECT_FALSE(DeckMprisPlayer::isOwnBusName(nameOf("x"))) << "a player whose name only begins like the deck's";
 }
 
 TEST_F(NowPlayingTest, FollowsPlaybackStatusAndIgnoresStatusesThatAreNone) {
