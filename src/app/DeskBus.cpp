@@ -473,7 +473,12 @@ QString DeskBus::AITuneState(const QString& route) {
     for (const auto& band : store->aiTuneReasons(*id)) reasons.push_back(band);
     nlohmann::json locked = nlohmann::json::array();
     for (bool b : r->aiLockedBands) locked.push_back(b);
-    return text({{"prominenceDb", snap.prominenceDb},
+    // The song AI Tune hears, as its player or the deck names it (song memory keys on it).
+    std::string song;
+    if (const auto& playing = store->aiTune().nowPlaying(*id))
+        song = playing->artist.empty() ? playing->title : playing->title + " — " + playing->artist;
+    return text({{"song", song},
+                 {"prominenceDb", snap.prominenceDb},
                  {"isConfident", snap.isConfident},
                  {"analyzedSeconds", snap.analyzedSeconds},
                  {"tweaksDb", r->aiTuneTweaksDb},

@@ -24,6 +24,11 @@ ColumnLayout {
     }
 
     Label {
+        visible: (panel.state.song || "") !== ""
+        text: qsTr("Now playing: %1").arg(panel.state.song)
+        color: palette.placeholderText
+    }
+    Label {
         text: panel.state.isConfident ? qsTr("AI Tune — heard %1 s of this song").arg(Math.round(panel.state.analyzedSeconds || 0))
                                       : qsTr("AI Tune — listening (song analysis warming up)")
         font.bold: true
