@@ -7,6 +7,8 @@
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
 
+#include <spdlog/spdlog.h>
+
 #include "app/RouteEdits.hpp"
 #include "core/audio/ProcessCategory.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
@@ -25,10 +27,6 @@ constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr int maxBand = TenBandLayout::bandCount - 1;
 // What a voice request may ask of one band: more than a full swing of the band range is a typo.
 constexpr double maxShapeRequestDb = 24.0;
-// A parametric EQ file of a few hundred filters is a few kilobytes; these bound what a caller
-// can make the parser chew on.
-constexpr int maxEQTextCharacters = 1 << 20;
-constexpr int maxEQLineCharacters = 1000;
 // Routes change in bursts (an edit, its glide, its health): one announcement per burst.
 constexpr int announceCoalesceMs = 30;
 
@@ -363,14 +361,15 @@ void DeskBus::SetProfileJSON(const QString& route, const QString& profileJSON) {
 QString DeskBus::ImportEQ(const QString& route, const QString& name, const QString& eqText) {
     auto id = routeOrFail(route);
     if (!id || !checkText("name", name)) return {};
-    if (eqText.size() > maxEQTextCharacters) return invalid("text is too long for a parametric EQ"), QString();
-    // The line parser's matching cost grows with a line's length: no real EQ line is this long.
-    for (const QString& line : eqText.split('\n'))
-        if (line.size() > maxEQLineCharacters)
-            return invalid(QString("text has a line longer than %1 characters").arg(maxEQLineCharacters)), QString();
+    // The parser bounds the text and its lines itself (a line past its limit is skipped, as a
+    // file's would be); checking the size first only spares converting a huge text.
+    if (std::size_t(eqText.size()) > AutoEqParser::maxTextBytes)
+        return invalid("text is too long for a parametric EQ"), QString();
     try {
-        const ImportedEQ eq = AutoEqParser::parseParametric(eqText.toStdString(), name.toStdString());
-        const EQPreset preset = service_.store()->importEQ(eq);
+        const AutoEqParser::Result result = AutoEqParser::read(eqText.toStdString(), name.toStdString());
+        if (result.skippedLineCount > 0)
+            spdlog::warn("EQ import \"{}\": skipped {}", result.eq.modelName, AutoEqParser::skippedLinesText(result));
+        const EQPreset preset = service_.store()->importEQ(result.eq);
         service_.store()->applyPreset(preset.id, *id);
         return toQ(preset.id.string());
     } catch (const std::exception& e) {

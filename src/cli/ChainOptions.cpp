@@ -193,7 +193,7 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
 
 void ChainOptions::loadFiles() {
     if (!profilePath_.empty()) profile_ = loadProfileFile(profilePath_);
-    if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_);
+    if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_).eq;
 }
 
 void ChainOptions::checkChannelCount(int channelCount) const {

@@ -74,6 +74,37 @@ TEST_F(CommandLine, EqParseAndPresetsImportListDeleteShareTheDeskStore) {
     EXPECT_EQ(test::readText(presetsFile()), before); // nothing saved
 }
 
+// One very long line used to crash every command that reads an EQ file; lines that were skipped
+// went unmentioned.
+TEST_F(CommandLine, EqFileReadersSurviveLongLinesAndNameEverySkippedLine) {
+    const auto eq = write("long.txt", std::string(kAria) + "Filter 3: ON PK Fc " + std::string(300000, '1') +
+                                          " Hz Gain 3 dB Q 1\nFilter 4: ON LP Fc 100 Hz Gain 0 dB Q 1\n");
+    const auto warned = [&](const test::ProcessResult& r) {
+        EXPECT_EQ(r.exitCode, 0) << r.standardError;
+        EXPECT_NE(r.standardError.find("tarn: warning: " + eq + ":4: skipped: longer than 1000 characters"),
+                  std::string::npos) << r.standardError;
+        EXPECT_NE(r.standardError.find(eq + ":5: skipped: filter type \"LP\""), std::string::npos) << r.standardError;
+    };
+    const auto parsed = tarn({"eq", "parse", eq, "--json"});
+    warned(parsed);
+    const json j = json::parse(parsed.standardOutput);
+    EXPECT_EQ(j["filters"].get<std::vector<ParametricFilterSpec>>(), ariaFilters);
+    EXPECT_EQ(j["skippedLineCount"], 2);
+    EXPECT_EQ(j["skippedLines"][0], (json{{"line", 4}, {"reason", "longer than 1000 characters"}}));
+    warned(tarn({"presets", "import", eq}));
+
+    const auto in = (dir_ / "in.wav").string();
+    ASSERT_EQ(tarn({"generate-clip", in, "--seconds", "0.1"}).exitCode, 0);
+    warned(tarn({"render", in, (dir_ / "out.wav").string(), "--parametric", eq}));
+
+    // A value no filter can be built from stops every one of them, naming the file and the line.
+    const auto zero = write("zero.txt", std::string(kAria) + "Filter 3: ON PK Fc 0 Hz Gain 3 dB Q 1\n");
+    for (std::vector<std::string> command : {std::vector<std::string>{"eq", "parse", zero},
+                                             {"presets", "import", zero},
+                                             {"render", in, (dir_ / "out.wav").string(), "--parametric", zero}})
+        expectFailure(command, 1, zero + ": line 4: frequency 0 Hz is not above 0 Hz");
+}
+
 TEST_F(CommandLine, DamagedPresetsAreReportedAndNeverLost) {
     const std::string damaged = R"([{"id": "3C1A9E2B-7D4F-4A6B-8C0D-1E2F3A4B5C6D", "name": "no trim"}])";
     test::writeText(presetsFile(), damaged);

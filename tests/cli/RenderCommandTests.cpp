@@ -135,7 +135,11 @@ TEST_F(RenderCommand, ProfileAndParametricFilesRunInTheirStages) {
 
     const auto parametric = write("My Headphones.txt", "Preamp: -3 dB\r\nFilter 1: ON PK Fc 2000 Hz Gain -5 dB Q 1.5\r\n"
                                                        "Filter 2: ON LP Fc 10000 Hz Gain 0 dB Q 0.7\r\n");
-    renderJson(twoTones(), {"--parametric", parametric, "--profile", profile, "--no-ceiling"});
+    test::writeSoundFile(in, twoTones());
+    const auto withSkippedLine = render({in, out, "--parametric", parametric, "--profile", profile, "--no-ceiling"});
+    EXPECT_EQ(withSkippedLine.exitCode, 0);
+    EXPECT_EQ(withSkippedLine.standardError, "tarn: warning: " + parametric +
+                                                 ":3: skipped: filter type \"LP\" is not one of PK, LS, LSC, HS, HSC\n");
     EXPECT_NEAR(outputTone(1, 2000), 0.25 * linear(-6 + peakingDb(1000, 6, 2, 2000) - 3 - 5 + makeupDb), 1e-4);
 
     // A whole catalogue record, with all its extra keys, is a profile too.
