@@ -18,7 +18,7 @@ struct EqParseOptions {
 };
 
 int runEqParse(const EqParseOptions& options) {
-    const AutoEqParser::Result result = readParametricEQFile(options.file);
+    const AutoEqParser::Result result = readParametricEQFile(options.file).parsed;
     const ImportedEQ& eq = result.eq;
     if (options.json) {
         auto skipped = nlohmann::json::array();

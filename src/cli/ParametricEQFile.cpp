@@ -8,20 +8,22 @@
 
 namespace tarn::cli {
 
-AutoEqParser::Result readParametricEQFile(const std::string& file) {
-    AutoEqParser::Result result;
+ParametricEQFile readParametricEQFile(const std::string& file) {
+    ParametricEQFile result;
     try {
-        result = AutoEqParser::readFile(file);
+        result.text = AutoEqParser::readFileText(file);
+        result.parsed = AutoEqParser::parseFileText(result.text, file);
     } catch (const AutoEqParser::ReadError& e) {
         throw CommandError(exitFailure, e.what());
     } catch (const AutoEqParser::ParseError& e) {
         throw CommandError(exitFailure, e.what());
     }
-    for (const auto& skipped : result.skippedLines)
+    const auto& parsed = result.parsed;
+    for (const auto& skipped : parsed.skippedLines)
         fmt::print(stderr, "tarn: warning: {}:{}: skipped: {}\n", file, skipped.lineNumber, skipped.reason);
-    if (result.skippedLineCount > result.skippedLines.size())
+    if (parsed.skippedLineCount > parsed.skippedLines.size())
         fmt::print(stderr, "tarn: warning: {}: {} more lines skipped\n", file,
-                   result.skippedLineCount - result.skippedLines.size());
+                   parsed.skippedLineCount - parsed.skippedLines.size());
     return result;
 }
 

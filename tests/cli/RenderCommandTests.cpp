@@ -189,6 +189,9 @@ TEST_F(RenderCommand, FailuresExitOneNameTheFileAndLeaveNoOutput) {
     expectFailure({(dir / "nine.wav").string(), out}, 1, "nine.wav");
     expectFailure({in, out, "--parametric", noFilters}, 1, "nofilters.txt");
     expectFailure({in, out, "--profile", badJson}, 1, "bad.json");
+    // Files that never end are refused by size instead of filling memory.
+    expectFailure({in, out, "--profile", "/dev/zero"}, 1, "/dev/zero: larger than 1 MiB");
+    expectFailure({in, out, "--parametric", "/dev/zero"}, 1, "/dev/zero: larger than 1 MiB");
     // Only what was there before: no temporary files, the old output untouched.
     EXPECT_EQ(dir.entries(), (std::vector<std::string>{"bad.json", "in.wav", "nine.wav", "nofilters.txt", "noise.mp3", "out.wav"}));
     EXPECT_EQ(test::readText(out), "the previous render");

@@ -295,7 +295,7 @@ AutoEqParser::Result AutoEqParser::read(std::string_view text, std::string model
     return result;
 }
 
-AutoEqParser::Result AutoEqParser::readFile(const std::filesystem::path& path) {
+std::string AutoEqParser::readFileText(const std::filesystem::path& path) {
     std::string text;
     try {
         text = BoundedFileReader::read(path, maxTextBytes, "a parametric EQ file");
@@ -304,11 +304,19 @@ AutoEqParser::Result AutoEqParser::readFile(const std::filesystem::path& path) {
     }
     if (text.starts_with("\xEF\xBB\xBF")) text.erase(0, 3);
     if (!isValidUtf8(text)) throw ReadError(fmt::format("{}: not UTF-8 text", path.string()));
+    return text;
+}
+
+AutoEqParser::Result AutoEqParser::parseFileText(std::string_view text, const std::filesystem::path& path) {
     try {
         return read(text, path.stem().string());
     } catch (const ParseError& e) {
         throw ParseError(e.errorCase(), fmt::format("{}: {}", path.string(), e.what()));
     }
+}
+
+AutoEqParser::Result AutoEqParser::readFile(const std::filesystem::path& path) {
+    return parseFileText(readFileText(path), path);
 }
 
 } // namespace tarn

@@ -73,6 +73,11 @@ public:
     // name is the file name without its extension. Errors of the text (ParseError) keep their
     // case; their message then starts with the file's name.
     static Result readFile(const std::filesystem::path& path);
+    // The file's text as readFile parses it (size-checked, UTF-8, without a byte-order mark);
+    // ReadError otherwise.
+    static std::string readFileText(const std::filesystem::path& path);
+    // Parses the text read from `path`, naming the file in ParseError's message.
+    static Result parseFileText(std::string_view text, const std::filesystem::path& path);
 
     static ImportedEQ parseParametric(std::string_view text, std::string modelName) {
         return read(text, std::move(modelName)).eq;

@@ -20,7 +20,10 @@ std::string BoundedFileReader::sizeText(std::size_t bytes) {
 std::string BoundedFileReader::read(const std::filesystem::path& path, std::size_t maxBytes,
                                     std::string_view description) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw Error(fmt::format("{}: cannot open: {}", path.string(), std::strerror(errno)));
+    if (fd < 0) {
+        const int error = errno;
+        throw Error(fmt::format("{}: cannot open: {}", path.string(), std::strerror(error)), error);
+    }
     struct Closer {
         int fd;
         ~Closer() { ::close(fd); }
@@ -42,7 +45,8 @@ std::string BoundedFileReader::read(const std::filesystem::path& path, std::size
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno == EISDIR) throw Error(fmt::format("{}: is a folder, not a file", path.string()));
-            throw Error(fmt::format("{}: cannot read: {}", path.string(), std::strerror(errno)));
+            const int error = errno;
+            throw Error(fmt::format("{}: cannot read: {}", path.string(), std::strerror(error)), error);
         }
         if (n == 0) break;
         if (bytes.size() + static_cast<std::size_t>(n) > maxBytes)

@@ -16,7 +16,13 @@ struct BoundedFileReader {
     // Every message names the file.
     class Error : public std::runtime_error {
     public:
-        using std::runtime_error::runtime_error;
+        explicit Error(const std::string& message, int errorNumber = 0)
+            : std::runtime_error(message), errorNumber_(errorNumber) {}
+        // The errno of a failed open or read; 0 for a file refused for its size or kind.
+        int errorNumber() const { return errorNumber_; }
+
+    private:
+        int errorNumber_;
     };
 
     // The bytes of `path`; throws Error when it cannot be opened or read, is a folder, or holds
