@@ -175,8 +175,11 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
         profile.modelName = j.contains("modelName") ? j.at("modelName").get<std::string>() : path.stem().string();
         profile.sourceProject = "file";
         profile.preampDb = j.at("preampDb").get<double>();
+        if (auto problem = ParametricFilterSpec::preampProblem(profile.preampDb)) throw ValueRangeError(*problem);
         profile.filters = j.at("filters").get<std::vector<ParametricFilterSpec>>();
         return profile;
+    } catch (const ValueRangeError& e) {
+        throw CommandError(exitFailure, fmt::format("{}: {}", path.string(), e.what()));
     } catch (const DecodingError& e) {
         throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
     } catch (const nlohmann::json::exception& e) {

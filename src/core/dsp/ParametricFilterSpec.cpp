@@ -15,23 +15,18 @@ BiquadKind ParametricFilterSpec::biquadKind(Shape shape) {
     return BiquadKind::peaking;
 }
 
-namespace {
-
-std::optional<std::string> gainProblem(const char* what, double db) {
-    if (!std::isfinite(db)) return fmt::format("{} {} dB is not a finite number", what, db);
-    if (std::abs(db) > ParametricFilterSpec::maxAbsGainDb)
-        return fmt::format("{} {} dB is beyond ±{} dB", what, db, ParametricFilterSpec::maxAbsGainDb);
-    return std::nullopt;
-}
-
-} // namespace
-
 std::optional<std::string> ParametricFilterSpec::valueProblem() const {
     if (!std::isfinite(frequencyHz)) return fmt::format("frequency {} Hz is not a finite number", frequencyHz);
     if (!(frequencyHz > 0)) return fmt::format("frequency {} Hz is not above 0 Hz", frequencyHz);
     if (!std::isfinite(q)) return fmt::format("Q {} is not a finite number", q);
     if (!(q > 0)) return fmt::format("Q {} is not above 0", q);
     return gainProblem("gain", gainDb);
+}
+
+std::optional<std::string> ParametricFilterSpec::gainProblem(std::string_view what, double db) {
+    if (!std::isfinite(db)) return fmt::format("{} {} dB is not a finite number", what, db);
+    if (std::abs(db) > maxAbsGainDb) return fmt::format("{} {} dB is beyond ±{} dB", what, db, maxAbsGainDb);
+    return std::nullopt;
 }
 
 std::optional<std::string> ParametricFilterSpec::preampProblem(double preampDb) { return gainProblem("preamp", preampDb); }

@@ -32,6 +32,8 @@ struct ParametricFilterSpec {
     std::optional<std::string> valueProblem() const;
     // The same for a preamp in dB.
     static std::optional<std::string> preampProblem(double preampDb);
+    // The same for any other gain in dB, named `what` in the message ("band gain").
+    static std::optional<std::string> gainProblem(std::string_view what, double db);
 
     bool operator==(const ParametricFilterSpec&) const = default;
 };
