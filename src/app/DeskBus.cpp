@@ -7,6 +7,7 @@
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include "app/RouteEdits.hpp"
@@ -32,6 +33,18 @@ constexpr int announceCoalesceMs = 30;
 
 QString toQ(const std::string& s) { return QString::fromStdString(s); }
 QString text(const nlohmann::json& j) { return toQ(j.dump()); }
+
+// What the route's chain leaves out or cleans up, in words for the route's row; null when nothing.
+nlohmann::json chainNotice(const RouteDSPChain& chain) {
+    std::string notice;
+    if (const int n = chain.leftOutSectionCount())
+        notice = fmt::format("{} filter setting{} cannot run at {:g} Hz and {} left out", n, n == 1 ? "" : "s",
+                             chain.sampleRate(), n == 1 ? "is" : "are");
+    if (const std::uint64_t n = chain.nonFiniteInputSampleCount())
+        notice += fmt::format("{}{} input sample{} not a finite number, played as silence",
+                              notice.empty() ? "" : "; ", n, n == 1 ? " was" : "s were");
+    return notice.empty() ? nlohmann::json(nullptr) : nlohmann::json(notice);
+}
 
 // What kind of application it is, for people choosing what to route ("browser", "video", …).
 std::string categoryOf(const std::string& bundleID, const std::string& displayName) {
@@ -73,6 +86,9 @@ QString DeskBus::routes() const {
         RouteDSPChain* chain = store->dspChain(r.id);
         j["inputPeak"] = chain ? chain->inputMeter().currentPeak() : 0.0;
         j["outputPeak"] = chain ? chain->outputMeter().currentPeak() : 0.0;
+        j["leftOutSectionCount"] = chain ? chain->leftOutSectionCount() : 0;
+        j["nonFiniteInputSamples"] = chain ? chain->nonFiniteInputSampleCount() : 0;
+        j["chainNotice"] = chain ? chainNotice(*chain) : nlohmann::json(nullptr);
         list.push_back(std::move(j));
     }
     return text(list);

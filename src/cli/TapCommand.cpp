@@ -170,7 +170,8 @@ void TapSession::announce(LiveRoute& route, const char* event, double rate) {
                             {"channelCount", format.channelCount},
                             {"layout", format.layoutDescription},
                             {"requestedFrames", frames},
-                            {"quantumFrames", quantum}};
+                            {"quantumFrames", quantum},
+                            {"leftOutSectionCount", route.chain()->leftOutSectionCount()}};
         if (isMove) line["deviceName"] = route.deviceName();
         fmt::print("{}\n", line.dump());
     } else if (isMove) {
@@ -182,6 +183,9 @@ void TapSession::announce(LiveRoute& route, const char* event, double rate) {
                    t.bundleID, t.pid, route.deviceName(), rate, format.layoutDescription, format.channelCount, frames,
                    quantum ? std::to_string(quantum) : std::string("unknown"));
     }
+    if (const int n = route.chain()->leftOutSectionCount(); n > 0 && !options_.json)
+        fmt::print("  {} filter setting{} cannot run at {} Hz and {} left out.\n", n, n == 1 ? "" : "s", rate,
+                   n == 1 ? "is" : "are");
     std::fflush(stdout);
 }
 
@@ -286,14 +290,21 @@ void TapSession::printMeters() {
                 list.push_back({{"app", r->application().displayName},
                                 {"pid", r->application().pid},
                                 {"inputPeak", r->chain()->inputMeter().currentPeak()},
-                                {"outputPeak", r->chain()->outputMeter().currentPeak()}});
+                                {"outputPeak", r->chain()->outputMeter().currentPeak()},
+                                {"nonFiniteInputSamples", r->chain()->nonFiniteInputSampleCount()}});
         fmt::print("{}\n", nlohmann::json{{"event", "meters"}, {"seconds", std::round(elapsed)}, {"routes", list}}.dump());
     } else {
-        for (auto& r : routes_)
-            if (r->isRunning())
+        for (auto& r : routes_) {
+            if (!r->isRunning()) continue;
+            if (const auto bad = r->chain()->nonFiniteInputSampleCount())
+                fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS  ({} input samples not finite, silenced)\n",
+                           elapsed, r->application().displayName, decibels(r->chain()->inputMeter().currentPeak()),
+                           decibels(r->chain()->outputMeter().currentPeak()), bad);
+            else
                 fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS\n", elapsed, r->application().displayName,
                            decibels(r->chain()->inputMeter().currentPeak()),
                            decibels(r->chain()->outputMeter().currentPeak()));
+        }
     }
     std::fflush(stdout);
 }
