@@ -196,6 +196,13 @@ void ChainOptions::loadFiles() {
     if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_).parsed.eq;
 }
 
+std::vector<std::filesystem::path> ChainOptions::files() const {
+    std::vector<std::filesystem::path> paths;
+    for (const auto* path : {&profilePath_, &parametricPath_})
+        if (!path->empty()) paths.emplace_back(*path);
+    return paths;
+}
+
 void ChainOptions::checkChannelCount(int channelCount) const {
     for (const auto& d : channelDeltas_)
         if (d.channel >= channelCount)

@@ -144,7 +144,9 @@ RenderSummary render(RenderSettings& settings) {
 
     std::unique_ptr<AudioFileWriter> writer;
     try {
-        writer = std::make_unique<AudioFileWriter>(settings.output, sampleRate, channels);
+        std::vector<std::filesystem::path> inputs = settings.chain.files();
+        inputs.emplace_back(settings.input);
+        writer = std::make_unique<AudioFileWriter>(settings.output, sampleRate, channels, inputs);
     } catch (const AudioFileWriter::Error& e) {
         throw CommandError(exitFailure, e.what());
     }

@@ -273,5 +273,40 @@ TEST_F(RenderCommand, AnInterruptedRenderLeavesNothingBehind) {
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"in.wav"});
 }
 
+// A render killed outright cannot clean up; its temporary file (gigabytes, for a long render)
+// used to stay for ever. The next writer in that folder removes it.
+TEST_F(RenderCommand, TheTemporaryFileOfAKilledRenderIsRemovedByTheNextOne) {
+    if (!test::hasProgram("timeout")) GTEST_SKIP() << "coreutils timeout is not available";
+    test::writeSoundFile(in, SoundData{48000, 2, std::vector<float>(48000 * 2 * 120, 0.1f)});
+    const auto killed = test::runProcess({"timeout", "-s", "KILL", "0.5", TARN_CLI_PATH, "render", in, out, "--block",
+                                          "1", "--band", "3=2"});
+    if (killed.exitCode == 0) GTEST_SKIP() << "the render finished before it was killed";
+    std::vector<std::string> left = dir.entries();
+    ASSERT_EQ(left.size(), 2u) << "the killed render left its temporary file";
+    EXPECT_TRUE(left[0].starts_with(".out.wav.tarn-")) << left[0];
+
+    const auto next = render({in, (dir / "short.wav").string(), "--mute"});
+    // Reading the whole input again takes a while; what matters is what the folder holds now.
+    EXPECT_EQ(next.exitCode, 0) << next.standardError;
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"in.wav", "short.wav"}));
+}
+
+// `tarn render a.wav a.wav` used to replace its input with its own output; so did an output that
+// was the input under another name, or one of the chain's own files.
+TEST_F(RenderCommand, TheOutputIsNeverOneOfTheInputsAndNeverADevice) {
+    test::writeSoundFile(in, twoTones());
+    const std::string before = test::readText(in);
+    const auto eq = write("eq.txt", "Filter 1: ON PK Fc 100 Hz Gain 3 dB Q 1\n");
+    std::filesystem::create_symlink(in, dir / "link.wav");
+    expectFailure({in, in}, 1, in + ": is the same file as the input " + in);
+    expectFailure({in, (dir / "link.wav").string()}, 1, "is the same file as the input");
+    expectFailure({in, (dir / "." / "in.wav").string()}, 1, "is the same file as the input");
+    expectFailure({in, eq, "--parametric", eq}, 1, eq + ": is the same file as the input " + eq);
+    expectFailure({in, "/dev/null"}, 1, "/dev/null: is a device, not a regular file");
+    EXPECT_EQ(test::readText(in), before);
+    EXPECT_EQ(test::readText(eq), "Filter 1: ON PK Fc 100 Hz Gain 3 dB Q 1\n");
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"eq.txt", "in.wav", "link.wav"}));
+}
+
 } // namespace
 } // namespace tarn
