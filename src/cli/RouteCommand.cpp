@@ -20,6 +20,7 @@
 #include "cli/Command.hpp"
 #include "cli/DeskClient.hpp"
 #include "cli/MeterListener.hpp"
+#include "cli/NumberOption.hpp"
 #include "cli/ParametricEQFile.hpp"
 #include "cli/StopSignals.hpp"
 #include "core/io/JsonCodecs.hpp"
@@ -316,7 +317,7 @@ Command makeRouteCommand(CLI::App& root) {
 
     c = sub(*route, "meters", "Print the live routes' input and output levels until Ctrl-C");
     c->add_option("R", o->route, "Only this route");
-    c->add_option("--seconds", o->seconds, "Stop after this many seconds")->check(CLI::PositiveNumber);
+    c->add_option("--seconds", o->seconds, "Stop after this many seconds")->check(positiveNumber(" s"));
     c->add_flag("--json", o->json, "One JSON array per update (up to 20 a second)");
     on(c, [o] { return meters(*o); });
 

@@ -16,6 +16,7 @@
 #include "cli/Applications.hpp"
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "cli/StopSignals.hpp"
 #include "core/audio/AudioOutputDeviceService.hpp"
 #include "core/audio/ControlLoop.hpp"
@@ -390,17 +391,7 @@ Command makeTapCommand(CLI::App& root) {
         ->type_name("UID");
     app->add_option("--seconds", options->seconds, "Stop after this many seconds (default: until Ctrl-C)")
         ->type_name("N")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                try {
-                    size_t used = 0;
-                    double value = std::stod(text, &used);
-                    if (used == text.size() && value > 0 && std::isfinite(value)) return std::string();
-                } catch (...) {
-                }
-                return "\"" + text + "\" is not a positive number of seconds";
-            },
-            "", ""));
+        ->check(positiveNumber(" s"));
     app->add_flag("--json", options->json, "Print one JSON object per event and per second");
     app->add_flag("--verbose", options->verbose, "Also log what the audio engines negotiate (buffer sizes)");
     options->chain.addTo(*app);

@@ -1,5 +1,8 @@
 // The eq, presets and profiles commands, run as a user runs them: the built `tarn` program
 // with its own preferences folder.
+#include <algorithm>
+#include <utility>
+
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -103,6 +106,27 @@ TEST_F(CommandLine, EqFileReadersSurviveLongLinesAndNameEverySkippedLine) {
                                              {"presets", "import", zero},
                                              {"render", in, (dir_ / "out.wav").string(), "--parametric", zero}})
         expectFailure(command, 1, zero + ": line 4: frequency 0 Hz is not above 0 Hz");
+}
+
+// Usage mistakes get one line that names what was wrong, with numbers as people write them.
+TEST_F(CommandLine, UsageMistakesAreNamedAndNumbersMustBeFiniteAndReadable) {
+    const std::pair<std::vector<std::string>, std::string> mistakes[] = {
+        {{"bogus"}, "tarn: unknown command \"bogus\" (one of: render, "},
+        {{"presets", "bogus", "x"}, "tarn presets: unknown command \"bogus\" (one of: list, import, delete)"},
+        {{"generate-clip", (dir_ / "x.wav").string(), "--seconds", "nan"}, "--seconds: \"nan\" is not a finite number"},
+        {{"generate-clip", (dir_ / "x.wav").string(), "--seconds", "1e9"}, "--seconds: must be within 0.01..3600 s, got 1e9"},
+        {{"analyze", write("a.wav", ""), "--lean", "nan"}, "--lean: \"nan\" is not a finite number"},
+        {{"analyze", write("a.wav", ""), "--lean", "4.5"}, "--lean: must be within 0..4, got 4.5"},
+        {{"memory", "sweep", "--idle-days", "nan"}, "--idle-days: \"nan\" is not a finite number"},
+        {{"memory", "sweep", "--idle-days", "-1"}, "--idle-days: must be 0 days or more, got -1"},
+    };
+    for (const auto& [arguments, message] : mistakes) {
+        const auto result = tarn(arguments);
+        EXPECT_EQ(result.exitCode, 2) << arguments[0];
+        EXPECT_NE(result.standardError.find(message), std::string::npos) << result.standardError;
+        EXPECT_EQ(std::count(result.standardError.begin(), result.standardError.end(), '\n'), 1) << result.standardError;
+    }
+    EXPECT_FALSE(fs::exists(dir_ / "x.wav"));
 }
 
 TEST_F(CommandLine, DamagedPresetsAreReportedAndNeverLost) {
