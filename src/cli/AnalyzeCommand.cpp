@@ -121,6 +121,7 @@ Analysis analyse(const AnalyzeSettings& settings) {
         if (analyzer.tap().ring().availableFramesToRead() >= drainAt) analyzer.drainAvailableWindows();
     }
     analyzer.drainAvailableWindows();
+    if (auto shortfall = decoder->shortfall()) fmt::print(stderr, "tarn: warning: {}\n", *shortfall);
     result.durationSeconds = double(frames) / result.sampleRate;
     result.snapshot = analyzer.snapshot();
     if (settings.hasTimeline) result.timeline = analyzer.timelineSnapshot();

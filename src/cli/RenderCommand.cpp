@@ -48,6 +48,7 @@ struct RenderSummary {
     double minHeadroomGain = 1.0;
     int leftOutSectionCount = 0;
     std::uint64_t nonFiniteInputSamples = 0;
+    std::vector<std::string> warnings;
     double seconds = 0.0;
     double realtimeFactor = 0.0;
 };
@@ -184,6 +185,7 @@ RenderSummary render(RenderSettings& settings) {
         }
         interrupts.check();
         writer->commit();
+        if (auto shortfall = decoder->shortfall()) summary.warnings.push_back(*shortfall);
     } catch (const AudioFileDecoder::Error& e) {
         progress.finish();
         throw CommandError(exitFailure, e.what());
@@ -227,6 +229,7 @@ void printJson(const RenderSummary& s) {
     j["minHeadroomGain"] = s.minHeadroomGain;
     j["leftOutSectionCount"] = s.leftOutSectionCount;
     j["nonFiniteInputSamples"] = s.nonFiniteInputSamples;
+    j["warnings"] = s.warnings;
     j["seconds"] = s.seconds;
     j["realtimeFactor"] = s.realtimeFactor;
     fmt::print("{}\n", j.dump());
@@ -272,6 +275,7 @@ Command makeRenderCommand(CLI::App& root) {
     app->add_flag("--json", settings->isJson, "Print the summary as one JSON object");
     return {app, [settings] {
                 const auto summary = render(*settings);
+                for (const auto& warning : summary.warnings) fmt::print(stderr, "tarn: warning: {}\n", warning);
                 if (settings->isJson)
                     printJson(summary);
                 else

@@ -195,6 +195,21 @@ TEST_F(RenderCommand, SamplesThatAreNotNumbersArePlayedAsSilenceAndCounted) {
               std::string::npos);
 }
 
+TEST_F(RenderCommand, AFileCutShortRendersWhatItHasWithAWarning) {
+    const auto flac = dir / "whole.flac";
+    test::writeSoundFile(flac, twoTones(), SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    const std::string bytes = test::readText(flac);
+    const auto cut = write("cut.flac", bytes.substr(0, bytes.size() / 2));
+    const auto result = render({cut, out, "--json"});
+    EXPECT_EQ(result.exitCode, 0) << result.standardError;
+    EXPECT_NE(result.standardError.find("tarn: warning: " + cut + ": the audio ends after"), std::string::npos)
+        << result.standardError;
+    const auto json = nlohmann::json::parse(result.standardOutput);
+    ASSERT_EQ(json["warnings"].size(), 1u);
+    EXPECT_LT(json["durationSeconds"].get<double>(), 0.6);
+    EXPECT_EQ(renderJson(twoTones(), {})["warnings"], nlohmann::json::array()) << "a whole file has none";
+}
+
 TEST_F(RenderCommand, BlockSizeDoesNotChangeTheFilteredSignal) {
     const auto input = twoTones(0.2);
     renderJson(input, {"--band", "3=5", "--band", "7=-4", "--block", "4096", "--no-ceiling"});
