@@ -1,6 +1,7 @@
 #include "core/io/BoundedFileReader.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include <fcntl.h>
