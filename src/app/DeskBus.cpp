@@ -7,6 +7,9 @@
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
 
+#include <fmt/format.h>
+#include <spdlog/spdlog.h>
+
 #include "app/RouteEdits.hpp"
 #include "core/audio/ProcessCategory.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
@@ -25,15 +28,23 @@ constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr int maxBand = TenBandLayout::bandCount - 1;
 // What a voice request may ask of one band: more than a full swing of the band range is a typo.
 constexpr double maxShapeRequestDb = 24.0;
-// A parametric EQ file of a few hundred filters is a few kilobytes; these bound what a caller
-// can make the parser chew on.
-constexpr int maxEQTextCharacters = 1 << 20;
-constexpr int maxEQLineCharacters = 1000;
 // Routes change in bursts (an edit, its glide, its health): one announcement per burst.
 constexpr int announceCoalesceMs = 30;
 
 QString toQ(const std::string& s) { return QString::fromStdString(s); }
 QString text(const nlohmann::json& j) { return toQ(j.dump()); }
+
+// What the route's chain leaves out or cleans up, in words for the route's row; null when nothing.
+nlohmann::json chainNotice(const RouteDSPChain& chain) {
+    std::string notice;
+    if (const int n = chain.leftOutSectionCount())
+        notice = fmt::format("{} filter setting{} cannot run at {:g} Hz and {} left out", n, n == 1 ? "" : "s",
+                             chain.sampleRate(), n == 1 ? "is" : "are");
+    if (const std::uint64_t n = chain.nonFiniteInputSampleCount())
+        notice += fmt::format("{}{} input sample{} not a finite number, played as silence",
+                              notice.empty() ? "" : "; ", n, n == 1 ? " was" : "s were");
+    return notice.empty() ? nlohmann::json(nullptr) : nlohmann::json(notice);
+}
 
 // What kind of application it is, for people choosing what to route ("browser", "video", …).
 std::string categoryOf(const std::string& bundleID, const std::string& displayName) {
@@ -78,6 +89,9 @@ QString DeskBus::routes() const {
         RouteDSPChain* chain = store->dspChain(r.id);
         j["inputPeak"] = chain ? chain->inputMeter().currentPeak() : 0.0;
         j["outputPeak"] = chain ? chain->outputMeter().currentPeak() : 0.0;
+        j["leftOutSectionCount"] = chain ? chain->leftOutSectionCount() : 0;
+        j["nonFiniteInputSamples"] = chain ? chain->nonFiniteInputSampleCount() : 0;
+        j["chainNotice"] = chain ? chainNotice(*chain) : nlohmann::json(nullptr);
         list.push_back(std::move(j));
     }
     return text(list);
@@ -367,14 +381,15 @@ void DeskBus::SetProfileJSON(const QString& route, const QString& profileJSON) {
 QString DeskBus::ImportEQ(const QString& route, const QString& name, const QString& eqText) {
     auto id = routeOrFail(route);
     if (!id || !checkText("name", name)) return {};
-    if (eqText.size() > maxEQTextCharacters) return invalid("text is too long for a parametric EQ"), QString();
-    // The line parser's matching cost grows with a line's length: no real EQ line is this long.
-    for (const QString& line : eqText.split('\n'))
-        if (line.size() > maxEQLineCharacters)
-            return invalid(QString("text has a line longer than %1 characters").arg(maxEQLineCharacters)), QString();
+    // The parser bounds the text and its lines itself (a line past its limit is skipped, as a
+    // file's would be); checking the size first only spares converting a huge text.
+    if (std::size_t(eqText.size()) > AutoEqParser::maxTextBytes)
+        return invalid("text is too long for a parametric EQ"), QString();
     try {
-        const ImportedEQ eq = AutoEqParser::parseParametric(eqText.toStdString(), name.toStdString());
-        const EQPreset preset = service_.store()->importEQ(eq);
+        const AutoEqParser::Result result = AutoEqParser::read(eqText.toStdString(), name.toStdString());
+        if (result.skippedLineCount > 0)
+            spdlog::warn("EQ import \"{}\": skipped {}", result.eq.modelName, AutoEqParser::skippedLinesText(result));
+        const EQPreset preset = service_.store()->importEQ(result.eq);
         service_.store()->applyPreset(preset.id, *id);
         return toQ(preset.id.string());
     } catch (const std::exception& e) {

@@ -90,7 +90,8 @@ nlohmann::json DeskService::meters() const {
         if (RouteDSPChain* chain = store_->dspChain(id))
             out.push_back({{"id", id.string()},
                            {"inputPeak", chain->inputMeter().currentPeak()},
-                           {"outputPeak", chain->outputMeter().currentPeak()}});
+                           {"outputPeak", chain->outputMeter().currentPeak()},
+                           {"nonFiniteInputSamples", chain->nonFiniteInputSampleCount()}});
     return out;
 }
 

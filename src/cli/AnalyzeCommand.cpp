@@ -16,6 +16,7 @@
 
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "core/audio/IOBufferPolicy.hpp"
 #include "core/dsp/TenBandLayout.hpp"
 #include "core/profiles/BundledProfileCatalog.hpp"
@@ -120,6 +121,7 @@ Analysis analyse(const AnalyzeSettings& settings) {
         if (analyzer.tap().ring().availableFramesToRead() >= drainAt) analyzer.drainAvailableWindows();
     }
     analyzer.drainAvailableWindows();
+    if (auto shortfall = decoder->shortfall()) fmt::print(stderr, "tarn: warning: {}\n", *shortfall);
     result.durationSeconds = double(frames) / result.sampleRate;
     result.snapshot = analyzer.snapshot();
     if (settings.hasTimeline) result.timeline = analyzer.timelineSnapshot();
@@ -257,7 +259,7 @@ Command makeAnalyzeCommand(CLI::App& root) {
     app->add_option("--lean", settings->leanWeight,
                     fmt::format("Genre lean weight, 0 (off, default) to {:g}", maxLeanWeight))
         ->type_name("W")
-        ->check(CLI::Range(0.0, maxLeanWeight));
+        ->check(numberWithin(0.0, maxLeanWeight));
     app->add_flag("--timeline", settings->hasTimeline, "Also show the per-second band timeline (up to 600 s)");
     return {app, [settings] { return run(*settings); }};
 }

@@ -1,11 +1,7 @@
 #include "cli/ChainOptions.hpp"
 
-#include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -15,6 +11,7 @@
 #include "cli/ParametricEQFile.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "core/dsp/TenBandLayout.hpp"
+#include "core/io/BoundedFileReader.hpp"
 #include "core/io/JsonCodecs.hpp"
 
 namespace tarn::cli {
@@ -69,15 +66,15 @@ CLI::Validator decibels(double min, double max) {
         "");
 }
 
+// A profile is a preamp and a few dozen filters: a few kilobytes.
+constexpr std::size_t maxProfileFileBytes = std::size_t(1) << 20;
+
 std::string readFile(const std::filesystem::path& path) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec))
-        throw CommandError(exitFailure, fmt::format("{}: is a folder, not a file", path.string()));
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw CommandError(exitFailure, fmt::format("{}: cannot open: {}", path.string(), std::strerror(errno)));
-    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (in.bad()) throw CommandError(exitFailure, fmt::format("{}: cannot read", path.string()));
-    return text;
+    try {
+        return BoundedFileReader::read(path, maxProfileFileBytes, "a headphone profile file");
+    } catch (const BoundedFileReader::Error& e) {
+        throw CommandError(exitFailure, e.what());
+    }
 }
 
 } // namespace
@@ -178,8 +175,11 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
         profile.modelName = j.contains("modelName") ? j.at("modelName").get<std::string>() : path.stem().string();
         profile.sourceProject = "file";
         profile.preampDb = j.at("preampDb").get<double>();
+        if (auto problem = ParametricFilterSpec::preampProblem(profile.preampDb)) throw ValueRangeError(*problem);
         profile.filters = j.at("filters").get<std::vector<ParametricFilterSpec>>();
         return profile;
+    } catch (const ValueRangeError& e) {
+        throw CommandError(exitFailure, fmt::format("{}: {}", path.string(), e.what()));
     } catch (const DecodingError& e) {
         throw CommandError(exitFailure, fmt::format("{}: not a headphone profile: {}", path.string(), e.what()));
     } catch (const nlohmann::json::exception& e) {
@@ -193,7 +193,14 @@ HeadphoneProfile ChainOptions::loadProfileFile(const std::filesystem::path& path
 
 void ChainOptions::loadFiles() {
     if (!profilePath_.empty()) profile_ = loadProfileFile(profilePath_);
-    if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_);
+    if (!parametricPath_.empty()) parametric_ = readParametricEQFile(parametricPath_).parsed.eq;
+}
+
+std::vector<std::filesystem::path> ChainOptions::files() const {
+    std::vector<std::filesystem::path> paths;
+    for (const auto* path : {&profilePath_, &parametricPath_})
+        if (!path->empty()) paths.emplace_back(*path);
+    return paths;
 }
 
 void ChainOptions::checkChannelCount(int channelCount) const {

@@ -63,6 +63,8 @@ public:
     std::optional<GenrePreset> genre() const { return genre_; }
     const std::optional<HeadphoneProfile>& profile() const { return profile_; }
     const std::optional<ImportedEQ>& parametric() const { return parametric_; }
+    // The files named by --profile and --parametric: inputs an output must never replace.
+    std::vector<std::filesystem::path> files() const;
 
     // A finite decimal number, optionally with a leading '+' ("+2", "-3.5"); nothing otherwise.
     static std::optional<double> parseNumber(std::string_view text);

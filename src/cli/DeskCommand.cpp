@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "ui/DeskTray.hpp"
 #include "ui/DesktopPalette.hpp"
 #include "ui/DeskWindow.hpp"
@@ -109,7 +110,7 @@ Command makeDeskCommand(CLI::App& root) {
         ->check(CLI::IsMember({"light", "dark"}))
         ->type_name("SCHEME");
     app->add_option("--after", options->after, "Seconds of live data before the screenshot (default 2)")
-        ->check(CLI::Range(0.0, 600.0));
+        ->check(numberWithin(0.0, 600.0, " s"));
     return {app, [options] { return runDesk(*options); }};
 }
 

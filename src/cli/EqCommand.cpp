@@ -18,9 +18,16 @@ struct EqParseOptions {
 };
 
 int runEqParse(const EqParseOptions& options) {
-    const ImportedEQ eq = readParametricEQFile(options.file);
+    const AutoEqParser::Result result = readParametricEQFile(options.file).parsed;
+    const ImportedEQ& eq = result.eq;
     if (options.json) {
-        const nlohmann::json out = {{"modelName", eq.modelName}, {"preampDb", eq.preampDb}, {"filters", eq.filters}};
+        auto skipped = nlohmann::json::array();
+        for (const auto& s : result.skippedLines) skipped.push_back({{"line", s.lineNumber}, {"reason", s.reason}});
+        const nlohmann::json out = {{"modelName", eq.modelName},
+                                    {"preampDb", eq.preampDb},
+                                    {"filters", eq.filters},
+                                    {"skippedLines", skipped},
+                                    {"skippedLineCount", result.skippedLineCount}};
         fmt::print("{}\n", out.dump(2));
         return exitOk;
     }
@@ -36,9 +43,10 @@ Command makeEqCommand(CLI::App& root) {
     auto parseOptions = std::make_shared<EqParseOptions>();
     auto* parse = app->add_subcommand(
         "parse", "Read a parametric-EQ text file (\"Preamp: -6.2 dB\", \"Filter 1: ON PK Fc 105 Hz Gain 4 dB Q 0.7\")\n"
-                 "and print its preamp and filters. Lines that are not filters are skipped.");
+                 "and print its preamp and filters. Lines that are not filters are skipped, each with a warning\n"
+                 "on stderr saying why.");
     parse->add_option("FILE", parseOptions->file, "The text file, for example an AutoEq ParametricEQ.txt")->required();
-    parse->add_flag("--json", parseOptions->json, "Print {\"modelName\", \"preampDb\", \"filters\"} as JSON");
+    parse->add_flag("--json", parseOptions->json, "Print {\"modelName\", \"preampDb\", \"filters\", \"skippedLines\", \"skippedLineCount\"} as JSON");
 
     return {app, [parse, parseOptions]() -> int {
                 if (parse->parsed()) return runEqParse(*parseOptions);

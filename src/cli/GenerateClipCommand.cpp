@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "player/AudioFileWriter.hpp"
 
 namespace tarn::cli {
@@ -127,7 +128,7 @@ Command makeGenerateClipCommand(CLI::App& root) {
     app->add_option("OUTPUT", settings->output, "WAV file to write (replaced if it exists)")->required();
     app->add_option("--seconds", settings->seconds, "Length in seconds (default 8)")
         ->type_name("S")
-        ->check(CLI::Range(0.01, 3600.0).description(""));
+        ->check(numberWithin(0.01, 3600.0, " s"));
     app->add_option("--rate", settings->sampleRate, "Sample rate in Hz (default 48000)")
         ->type_name("HZ")
         ->check(CLI::Range(8000, 384000).description(""));

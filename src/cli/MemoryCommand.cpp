@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "core/recommendation/SongMemoryStore.hpp"
 
 namespace tarn::cli {
@@ -147,7 +148,7 @@ Command makeMemoryCommand(CLI::App& root) {
     sweep->add_flag("--remove-broken", options->removeBroken, "Remove memories that are damaged");
     sweep->add_option("--idle-days", options->idleDays, "Remove incomplete memories last played over N days ago")
         ->type_name("N")
-        ->check(CLI::NonNegativeNumber);
+        ->check(nonNegativeNumber(" days"));
 
     return {app, [options, audit] { return audit->parsed() ? runAudit(*options) : runSweep(*options); }};
 }

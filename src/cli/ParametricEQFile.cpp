@@ -1,20 +1,30 @@
 #include "cli/ParametricEQFile.hpp"
 
+#include <cstdio>
+
 #include <fmt/format.h>
 
 #include "cli/Command.hpp"
-#include "core/io/AutoEqParser.hpp"
 
 namespace tarn::cli {
 
-ImportedEQ readParametricEQFile(const std::string& file) {
+ParametricEQFile readParametricEQFile(const std::string& file) {
+    ParametricEQFile result;
     try {
-        return AutoEqParser::parseParametricFile(file);
+        result.text = AutoEqParser::readFileText(file);
+        result.parsed = AutoEqParser::parseFileText(result.text, file);
     } catch (const AutoEqParser::ReadError& e) {
         throw CommandError(exitFailure, e.what());
     } catch (const AutoEqParser::ParseError& e) {
-        throw CommandError(exitFailure, fmt::format("{}: {}", file, e.what()));
+        throw CommandError(exitFailure, e.what());
     }
+    const auto& parsed = result.parsed;
+    for (const auto& skipped : parsed.skippedLines)
+        fmt::print(stderr, "tarn: warning: {}:{}: skipped: {}\n", file, skipped.lineNumber, skipped.reason);
+    if (parsed.skippedLineCount > parsed.skippedLines.size())
+        fmt::print(stderr, "tarn: warning: {}: {} more lines skipped\n", file,
+                   parsed.skippedLineCount - parsed.skippedLines.size());
+    return result;
 }
 
 } // namespace tarn::cli

@@ -71,7 +71,7 @@ int runList(const PresetsOptions& options) {
 }
 
 int runImport(const PresetsOptions& options) {
-    ImportedEQ imported = readParametricEQFile(options.file);
+    ImportedEQ imported = readParametricEQFile(options.file).parsed.eq;
     if (options.name) {
         if (options.name->find_first_not_of(" \t") == std::string::npos)
             throw CommandError(exitUsage, "--name must not be empty");

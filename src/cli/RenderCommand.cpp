@@ -16,6 +16,7 @@
 
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
+#include "core/dsp/BlockMath.hpp"
 #include "core/dsp/DenormalGuard.hpp"
 #include "core/dsp/RouteDSPChain.hpp"
 #include "player/AudioFileDecoder.hpp"
@@ -45,6 +46,9 @@ struct RenderSummary {
     double ceilingAttenuationLinear = 1.0;
     bool isSafetyCeilingActive = false;
     double minHeadroomGain = 1.0;
+    int leftOutSectionCount = 0;
+    std::uint64_t nonFiniteInputSamples = 0;
+    std::vector<std::string> warnings;
     double seconds = 0.0;
     double realtimeFactor = 0.0;
 };
@@ -80,23 +84,14 @@ private:
     struct sigaction previousInt_ {}, previousTerm_ {};
 };
 
-// The true sample maximum of |x|; a NaN sample is skipped rather than poisoning the result.
-// Eight independent running maxima keep the loop from waiting on one long chain of compares.
+// The true sample maximum of |x|; NaN and infinity are skipped (the chain counts them).
 float peakOf(const float* samples, std::size_t count) {
-    constexpr std::size_t lanes = 8;
-    float lane[lanes] = {};
-    std::size_t i = 0;
-    for (; i + lanes <= count; i += lanes)
-        for (std::size_t k = 0; k < lanes; ++k) {
-            const float a = std::fabs(samples[i + k]);
-            lane[k] = a > lane[k] ? a : lane[k];
-        }
     float peak = 0.0f;
-    for (; i < count; ++i) {
-        const float a = std::fabs(samples[i]);
-        peak = a > peak ? a : peak;
+    for (std::size_t done = 0; done < count;) {
+        const int n = int(std::min<std::size_t>(count - done, 1 << 20));
+        peak = std::max(peak, BlockMath::peak(samples + done, n));
+        done += std::size_t(n);
     }
-    for (float m : lane) peak = m > peak ? m : peak;
     return peak;
 }
 
@@ -150,7 +145,9 @@ RenderSummary render(RenderSettings& settings) {
 
     std::unique_ptr<AudioFileWriter> writer;
     try {
-        writer = std::make_unique<AudioFileWriter>(settings.output, sampleRate, channels);
+        std::vector<std::filesystem::path> inputs = settings.chain.files();
+        inputs.emplace_back(settings.input);
+        writer = std::make_unique<AudioFileWriter>(settings.output, sampleRate, channels, inputs);
     } catch (const AudioFileWriter::Error& e) {
         throw CommandError(exitFailure, e.what());
     }
@@ -188,6 +185,7 @@ RenderSummary render(RenderSettings& settings) {
         }
         interrupts.check();
         writer->commit();
+        if (auto shortfall = decoder->shortfall()) summary.warnings.push_back(*shortfall);
     } catch (const AudioFileDecoder::Error& e) {
         progress.finish();
         throw CommandError(exitFailure, e.what());
@@ -206,6 +204,8 @@ RenderSummary render(RenderSettings& settings) {
     summary.ceilingAttenuationLinear = chain.ceilingAttenuationLinear();
     summary.isSafetyCeilingActive = chain.isSafetyCeilingActive();
     summary.minHeadroomGain = minHeadroom;
+    summary.leftOutSectionCount = chain.leftOutSectionCount();
+    summary.nonFiniteInputSamples = chain.nonFiniteInputSampleCount();
     summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     const double audioSeconds = double(summary.frames) / sampleRate;
     summary.realtimeFactor = summary.seconds > 0 ? audioSeconds / summary.seconds : 0.0;
@@ -227,6 +227,9 @@ void printJson(const RenderSummary& s) {
     j["ceilingAttenuationLinear"] = s.ceilingAttenuationLinear;
     j["isSafetyCeilingActive"] = s.isSafetyCeilingActive;
     j["minHeadroomGain"] = s.minHeadroomGain;
+    j["leftOutSectionCount"] = s.leftOutSectionCount;
+    j["nonFiniteInputSamples"] = s.nonFiniteInputSamples;
+    j["warnings"] = s.warnings;
     j["seconds"] = s.seconds;
     j["realtimeFactor"] = s.realtimeFactor;
     fmt::print("{}\n", j.dump());
@@ -246,6 +249,13 @@ void printText(const RenderSummary& s) {
     else
         fmt::print("  safety ceiling not attenuating (attenuation {:.4f})\n", s.ceilingAttenuationLinear);
     fmt::print("  headroom gain  {:.4f} at its lowest\n", s.minHeadroomGain);
+    if (s.leftOutSectionCount > 0)
+        fmt::print("  left out       {} filter setting{} that cannot run at {} Hz (at or above 0.45 of the rate, or "
+                   "out of range)\n",
+                   s.leftOutSectionCount, s.leftOutSectionCount == 1 ? "" : "s", s.sampleRate);
+    if (s.nonFiniteInputSamples > 0)
+        fmt::print("  input          {} sample{} not a finite number (NaN or infinity), played as silence\n",
+                   s.nonFiniteInputSamples, s.nonFiniteInputSamples == 1 ? " was" : "s were");
     fmt::print("  took           {:.3f} s ({:.0f}x real time)\n", s.seconds, s.realtimeFactor);
 }
 
@@ -265,6 +275,7 @@ Command makeRenderCommand(CLI::App& root) {
     app->add_flag("--json", settings->isJson, "Print the summary as one JSON object");
     return {app, [settings] {
                 const auto summary = render(*settings);
+                for (const auto& warning : summary.warnings) fmt::print(stderr, "tarn: warning: {}\n", warning);
                 if (settings->isJson)
                     printJson(summary);
                 else

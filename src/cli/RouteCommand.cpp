@@ -3,8 +3,6 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,6 +20,8 @@
 #include "cli/Command.hpp"
 #include "cli/DeskClient.hpp"
 #include "cli/MeterListener.hpp"
+#include "cli/NumberOption.hpp"
+#include "cli/ParametricEQFile.hpp"
 #include "cli/StopSignals.hpp"
 #include "core/io/JsonCodecs.hpp"
 
@@ -47,14 +47,6 @@ QString q(const std::string& s) { return QString::fromStdString(s); }
 std::string decibels(double linear) {
     if (!(linear > 1e-6)) return "-inf";
     return fmt::format("{:.1f}", 20.0 * std::log10(linear));
-}
-
-std::string readText(const std::string& file) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(file, ec)) throw CommandError(exitFailure, file + ": is a folder, not a file");
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw CommandError(exitFailure, file + ": cannot open");
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 int list(const RouteOptions& o) {
@@ -132,8 +124,9 @@ int profile(const RouteOptions& o) {
 int import(const RouteOptions& o) {
     DeskClient desk;
     const QString id = q(desk.resolveRoute(o.route));
-    const std::string text = readText(o.file);
-    fmt::print("{}\n", desk.callText("ImportEQ", {id, q(std::filesystem::path(o.file).stem().string()), q(text)}));
+    // Read and checked here, so that a bad file is named and skipped lines are shown here.
+    const ParametricEQFile file = readParametricEQFile(o.file);
+    fmt::print("{}\n", desk.callText("ImportEQ", {id, q(file.parsed.eq.modelName), q(file.text)}));
     return exitOk;
 }
 
@@ -324,7 +317,7 @@ Command makeRouteCommand(CLI::App& root) {
 
     c = sub(*route, "meters", "Print the live routes' input and output levels until Ctrl-C");
     c->add_option("R", o->route, "Only this route");
-    c->add_option("--seconds", o->seconds, "Stop after this many seconds")->check(CLI::PositiveNumber);
+    c->add_option("--seconds", o->seconds, "Stop after this many seconds")->check(positiveNumber(" s"));
     c->add_flag("--json", o->json, "One JSON array per update (up to 20 a second)");
     on(c, [o] { return meters(*o); });
 

@@ -16,6 +16,7 @@
 #include "cli/Applications.hpp"
 #include "cli/ChainOptions.hpp"
 #include "cli/Command.hpp"
+#include "cli/NumberOption.hpp"
 #include "cli/StopSignals.hpp"
 #include "core/audio/AudioOutputDeviceService.hpp"
 #include "core/audio/ControlLoop.hpp"
@@ -170,7 +171,8 @@ void TapSession::announce(LiveRoute& route, const char* event, double rate) {
                             {"channelCount", format.channelCount},
                             {"layout", format.layoutDescription},
                             {"requestedFrames", frames},
-                            {"quantumFrames", quantum}};
+                            {"quantumFrames", quantum},
+                            {"leftOutSectionCount", route.chain()->leftOutSectionCount()}};
         if (isMove) line["deviceName"] = route.deviceName();
         fmt::print("{}\n", line.dump());
     } else if (isMove) {
@@ -182,6 +184,9 @@ void TapSession::announce(LiveRoute& route, const char* event, double rate) {
                    t.bundleID, t.pid, route.deviceName(), rate, format.layoutDescription, format.channelCount, frames,
                    quantum ? std::to_string(quantum) : std::string("unknown"));
     }
+    if (const int n = route.chain()->leftOutSectionCount(); n > 0 && !options_.json)
+        fmt::print("  {} filter setting{} cannot run at {} Hz and {} left out.\n", n, n == 1 ? "" : "s", rate,
+                   n == 1 ? "is" : "are");
     std::fflush(stdout);
 }
 
@@ -286,14 +291,21 @@ void TapSession::printMeters() {
                 list.push_back({{"app", r->application().displayName},
                                 {"pid", r->application().pid},
                                 {"inputPeak", r->chain()->inputMeter().currentPeak()},
-                                {"outputPeak", r->chain()->outputMeter().currentPeak()}});
+                                {"outputPeak", r->chain()->outputMeter().currentPeak()},
+                                {"nonFiniteInputSamples", r->chain()->nonFiniteInputSampleCount()}});
         fmt::print("{}\n", nlohmann::json{{"event", "meters"}, {"seconds", std::round(elapsed)}, {"routes", list}}.dump());
     } else {
-        for (auto& r : routes_)
-            if (r->isRunning())
+        for (auto& r : routes_) {
+            if (!r->isRunning()) continue;
+            if (const auto bad = r->chain()->nonFiniteInputSampleCount())
+                fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS  ({} input samples not finite, silenced)\n",
+                           elapsed, r->application().displayName, decibels(r->chain()->inputMeter().currentPeak()),
+                           decibels(r->chain()->outputMeter().currentPeak()), bad);
+            else
                 fmt::print("{:4.0f}s  {:<16}  in {} dBFS  out {} dBFS\n", elapsed, r->application().displayName,
                            decibels(r->chain()->inputMeter().currentPeak()),
                            decibels(r->chain()->outputMeter().currentPeak()));
+        }
     }
     std::fflush(stdout);
 }
@@ -379,17 +391,7 @@ Command makeTapCommand(CLI::App& root) {
         ->type_name("UID");
     app->add_option("--seconds", options->seconds, "Stop after this many seconds (default: until Ctrl-C)")
         ->type_name("N")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                try {
-                    size_t used = 0;
-                    double value = std::stod(text, &used);
-                    if (used == text.size() && value > 0 && std::isfinite(value)) return std::string();
-                } catch (...) {
-                }
-                return "\"" + text + "\" is not a positive number of seconds";
-            },
-            "", ""));
+        ->check(positiveNumber(" s"));
     app->add_flag("--json", options->json, "Print one JSON object per event and per second");
     app->add_flag("--verbose", options->verbose, "Also log what the audio engines negotiate (buffer sizes)");
     options->chain.addTo(*app);

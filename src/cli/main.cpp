@@ -42,7 +42,22 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         // Bad usage: one line naming the problem, exit 2.
         std::string where = "tarn";
-        for (const auto* sub : root.get_subcommands()) where += " " + sub->get_name();
+        CLI::App* deepest = &root;
+        for (;;) {
+            const auto parsed = deepest->get_subcommands();
+            if (parsed.empty()) break;
+            deepest = parsed.front();
+            where += " " + deepest->get_name();
+        }
+        // A word that is not one of the commands: name it, rather than say that one is missing.
+        const auto rest = deepest->remaining();
+        if (deepest->get_require_subcommand_min() > 0 && !rest.empty() && !rest.front().starts_with("-")) {
+            std::string names;
+            for (const auto* sub : deepest->get_subcommands([](CLI::App*) { return true; }))
+                names += (names.empty() ? "" : ", ") + sub->get_name();
+            fmt::print(stderr, "{}: unknown command \"{}\" (one of: {})\n", where, rest.front(), names);
+            return exitUsage;
+        }
         fmt::print(stderr, "{}: {}\n", where, e.what());
         return exitUsage;
     }

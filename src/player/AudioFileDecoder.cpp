@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <fstream>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 #include <sndfile.h>
@@ -113,8 +115,9 @@ public:
             if (n <= 0) break;
             done += static_cast<int>(n);
         }
-        if (done < maxFrames && sf_error(file_) != SF_ERR_NO_ERROR)
-            fail(fmt::format("cannot decode: {}", sf_strerror(file_)));
+        // What was decoded before damaged data is handed out first; the next read meets the
+        // damage again and fails.
+        if (done == 0 && sf_error(file_) != SF_ERR_NO_ERROR) fail(fmt::format("cannot decode: {}", sf_strerror(file_)));
         return done;
     }
 
@@ -179,10 +182,20 @@ public:
     }
 
     int read(float* interleaved, int maxFrames) override {
+        if (deferredFailure_) std::rethrow_exception(std::exchange(deferredFailure_, nullptr));
         int done = 0;
         while (done < maxFrames && !isFinished_) {
             if (!hasFrame_) {
-                if (!decodeNextFrame()) {
+                bool hasNext = false;
+                try {
+                    hasNext = decodeNextFrame();
+                } catch (const AudioFileDecoder::Error&) {
+                    // What was decoded before damaged data is handed out first.
+                    if (done == 0) throw;
+                    deferredFailure_ = std::current_exception();
+                    break;
+                }
+                if (!hasNext) {
                     isFinished_ = true;
                     break;
                 }
@@ -328,6 +341,7 @@ private:
     bool hasFrame_ = false;
     bool isInputDone_ = false;   // demuxer exhausted, decoder told to drain
     bool isFinished_ = false;
+    std::exception_ptr deferredFailure_;
 };
 
 } // namespace
@@ -346,7 +360,49 @@ const std::filesystem::path& AudioFileDecoder::path() const { return state_->pat
 int AudioFileDecoder::sampleRate() const { return state_->sampleRate; }
 int AudioFileDecoder::channelCount() const { return state_->channelCount; }
 std::optional<std::int64_t> AudioFileDecoder::estimatedFrameCount() const { return state_->estimatedFrameCount(); }
-int AudioFileDecoder::read(float* interleaved, int maxFrames) { return state_->read(interleaved, maxFrames); }
-void AudioFileDecoder::seek(std::int64_t frame) { state_->seek(std::max<std::int64_t>(frame, 0)); }
+int AudioFileDecoder::read(float* interleaved, int maxFrames) {
+    if (isOver_) return 0;
+    int n = 0;
+    try {
+        n = state_->read(interleaved, maxFrames);
+    } catch (const Error& e) {
+        // Damage after some audio, in a file whose header announces more: the end of a file cut
+        // short, most likely. What came before is kept and the end is reported (shortfall).
+        const auto announced = estimatedFrameCount();
+        if (decodedFrames_ == 0 || !announced || *announced <= decodedFrames_) throw;
+        std::string why = e.what();
+        if (const std::string prefix = path().string() + ": "; why.starts_with(prefix)) why.erase(0, prefix.size());
+        damage_ = why;
+        isOver_ = true;
+        return 0;
+    }
+    decodedFrames_ += n;
+    if (n == 0 && maxFrames > 0) isOver_ = true;
+    return n;
+}
+
+std::optional<std::string> AudioFileDecoder::shortfall() const {
+    const auto announced = estimatedFrameCount();
+    if (!isOver_ || !announced) return std::nullopt;
+    // Encoders pad and prime by a few thousand frames at most; a tenth of a second (or half a
+    // percent of a long file) is well past that and well short of any real truncation.
+    const double rate = sampleRate();
+    const std::int64_t tolerance = std::max<std::int64_t>(std::int64_t(rate / 10), *announced / 200);
+    if (!damage_ && *announced - decodedFrames_ <= tolerance) return std::nullopt;
+    return fmt::format("{}: the audio ends after {:.1f} s, {:.1f} s short of the {:.1f} s its header announces{}; "
+                       "the file looks cut short (a copy or download that did not finish)",
+                       path().string(), double(decodedFrames_) / rate,
+                       double(std::max<std::int64_t>(*announced - decodedFrames_, 0)) / rate, double(*announced) / rate,
+                       damage_ ? " (" + *damage_ + ")" : std::string());
+}
+
+void AudioFileDecoder::seek(std::int64_t frame) {
+    frame = std::max<std::int64_t>(frame, 0);
+    state_->seek(frame);
+    // Reading starts again from there: what a later shortfall compares is counted from it.
+    decodedFrames_ = frame;
+    isOver_ = false;
+    damage_.reset();
+}
 
 } // namespace tarn

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 
 namespace tarn {
 
@@ -16,7 +17,8 @@ public:
     static constexpr int maxChannelCount = 8;
 
     // Every failure names the file: unreadable, not audio, no decoder, more than 8 channels,
-    // damaged data met while decoding.
+    // damaged data met while decoding (except after some audio of a file whose header announces
+    // more: that ends the audio, and shortfall() says so).
     class Error : public std::runtime_error {
     public:
         using std::runtime_error::runtime_error;
@@ -39,12 +41,21 @@ public:
     // The next read starts at this frame of the file (a frame past the end: at the end).
     void seek(std::int64_t frame);
 
+    // Once read() has returned 0: a message naming the file when its audio ended clearly before
+    // the length its header announces (a copy or download cut short), none otherwise. Encoder
+    // padding (a few thousand frames) is not a shortfall. Formats whose length is only known
+    // from their last page (Ogg) cannot tell.
+    std::optional<std::string> shortfall() const;
+
     // The reader behind the decoder (libsndfile for WAV, AIFF, FLAC and the like, FFmpeg for
     // the rest); defined in the source file.
     struct State;
 
 private:
     std::unique_ptr<State> state_;
+    std::int64_t decodedFrames_ = 0;
+    bool isOver_ = false;
+    std::optional<std::string> damage_;   // the decoder's words when damaged data ended the audio
 };
 
 } // namespace tarn

@@ -8,6 +8,7 @@
 #include <QVariantList>
 #include <QVariantMap>
 
+#include "core/io/AutoEqParser.hpp"
 #include "ui/RouteListModel.hpp"
 
 namespace tarn::ui {
@@ -36,8 +37,8 @@ class DeskConnection : public QObject {
 
 public:
     static constexpr int retryMs = 2000;
-    // An EQ file larger than this is not a parametric EQ; the desk refuses it too.
-    static constexpr qint64 maxEQFileBytes = 1 << 20;
+    // An EQ file larger than this is not a parametric EQ; the desk's parser refuses it too.
+    static constexpr qint64 maxEQFileBytes = qint64(AutoEqParser::maxTextBytes);
 
     explicit DeskConnection(QDBusConnection bus, QObject* parent = nullptr);
 

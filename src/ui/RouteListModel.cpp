@@ -25,7 +25,11 @@ QVariant RouteListModel::data(const QModelIndex& index, int role) const {
     case BundleIDRole: return r.value("bundleID").toString();
     case ModeRole: return r.value("activationMode").toString("off");
     case HealthRole: return r.value("health").toString("idle");
-    case MessageRole: return r.value("lastStartError").toString();
+    case MessageRole: {
+        // A failure to start matters most; otherwise what the chain left out or silenced.
+        const QString error = r.value("lastStartError").toString();
+        return error.isEmpty() ? r.value("chainNotice").toString() : error;
+    }
     case DeviceRole: return r.value("targetOutputDeviceID").toString();
     case GainRole: return r.value("gainDb").toDouble();
     case TrimRole: return r.value("outputTrimDb").toDouble();

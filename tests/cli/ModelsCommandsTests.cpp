@@ -1,5 +1,8 @@
 // The eq, presets and profiles commands, run as a user runs them: the built `tarn` program
 // with its own preferences folder.
+#include <algorithm>
+#include <utility>
+
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -72,6 +75,58 @@ TEST_F(CommandLine, EqParseAndPresetsImportListDeleteShareTheDeskStore) {
     expectFailure({"presets", "import", write("empty.txt", "")}, 1, "empty.txt");
     expectFailure({"eq", "parse", write("notes.txt", "Filter 1: OFF PK Fc 1 Hz Gain 1 dB Q 1\n")}, 1, "notes.txt");
     EXPECT_EQ(test::readText(presetsFile()), before); // nothing saved
+}
+
+// One very long line used to crash every command that reads an EQ file; lines that were skipped
+// went unmentioned.
+TEST_F(CommandLine, EqFileReadersSurviveLongLinesAndNameEverySkippedLine) {
+    const auto eq = write("long.txt", std::string(kAria) + "Filter 3: ON PK Fc " + std::string(300000, '1') +
+                                          " Hz Gain 3 dB Q 1\nFilter 4: ON LP Fc 100 Hz Gain 0 dB Q 1\n");
+    const auto warned = [&](const test::ProcessResult& r) {
+        EXPECT_EQ(r.exitCode, 0) << r.standardError;
+        EXPECT_NE(r.standardError.find("tarn: warning: " + eq + ":4: skipped: longer than 1000 characters"),
+                  std::string::npos) << r.standardError;
+        EXPECT_NE(r.standardError.find(eq + ":5: skipped: filter type \"LP\""), std::string::npos) << r.standardError;
+    };
+    const auto parsed = tarn({"eq", "parse", eq, "--json"});
+    warned(parsed);
+    const json j = json::parse(parsed.standardOutput);
+    EXPECT_EQ(j["filters"].get<std::vector<ParametricFilterSpec>>(), ariaFilters);
+    EXPECT_EQ(j["skippedLineCount"], 2);
+    EXPECT_EQ(j["skippedLines"][0], (json{{"line", 4}, {"reason", "longer than 1000 characters"}}));
+    warned(tarn({"presets", "import", eq}));
+
+    const auto in = (dir_ / "in.wav").string();
+    ASSERT_EQ(tarn({"generate-clip", in, "--seconds", "0.1"}).exitCode, 0);
+    warned(tarn({"render", in, (dir_ / "out.wav").string(), "--parametric", eq}));
+
+    // A value no filter can be built from stops every one of them, naming the file and the line.
+    const auto zero = write("zero.txt", std::string(kAria) + "Filter 3: ON PK Fc 0 Hz Gain 3 dB Q 1\n");
+    for (std::vector<std::string> command : {std::vector<std::string>{"eq", "parse", zero},
+                                             {"presets", "import", zero},
+                                             {"render", in, (dir_ / "out.wav").string(), "--parametric", zero}})
+        expectFailure(command, 1, zero + ": line 4: frequency 0 Hz is not above 0 Hz");
+}
+
+// Usage mistakes get one line that names what was wrong, with numbers as people write them.
+TEST_F(CommandLine, UsageMistakesAreNamedAndNumbersMustBeFiniteAndReadable) {
+    const std::pair<std::vector<std::string>, std::string> mistakes[] = {
+        {{"bogus"}, "tarn: unknown command \"bogus\" (one of: render, "},
+        {{"presets", "bogus", "x"}, "tarn presets: unknown command \"bogus\" (one of: list, import, delete)"},
+        {{"generate-clip", (dir_ / "x.wav").string(), "--seconds", "nan"}, "--seconds: \"nan\" is not a finite number"},
+        {{"generate-clip", (dir_ / "x.wav").string(), "--seconds", "1e9"}, "--seconds: must be within 0.01..3600 s, got 1e9"},
+        {{"analyze", write("a.wav", ""), "--lean", "nan"}, "--lean: \"nan\" is not a finite number"},
+        {{"analyze", write("a.wav", ""), "--lean", "4.5"}, "--lean: must be within 0..4, got 4.5"},
+        {{"memory", "sweep", "--idle-days", "nan"}, "--idle-days: \"nan\" is not a finite number"},
+        {{"memory", "sweep", "--idle-days", "-1"}, "--idle-days: must be 0 days or more, got -1"},
+    };
+    for (const auto& [arguments, message] : mistakes) {
+        const auto result = tarn(arguments);
+        EXPECT_EQ(result.exitCode, 2) << arguments[0];
+        EXPECT_NE(result.standardError.find(message), std::string::npos) << result.standardError;
+        EXPECT_EQ(std::count(result.standardError.begin(), result.standardError.end(), '\n'), 1) << result.standardError;
+    }
+    EXPECT_FALSE(fs::exists(dir_ / "x.wav"));
 }
 
 TEST_F(CommandLine, DamagedPresetsAreReportedAndNeverLost) {

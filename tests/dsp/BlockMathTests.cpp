@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/dsp/BlockMath.hpp"
+#include "core/dsp/CpuDispatch.hpp"
 #include "core/dsp/Limiter.hpp"
 
 namespace tarn {
@@ -48,6 +49,24 @@ TEST(BlockMath, ScaleAndPeakAppliesBothGainsInOrder) {
         }
         EXPECT_EQ(peak, expectPeak);
     }
+}
+
+TEST(BlockMath, SilenceNonFiniteZeroesAndCountsExactlyTheNonFiniteSamples) {
+    for (bool portable : {false, true}) {
+        CpuDispatch::setPortableOnly(portable);
+        for (int n : {0, 7, 8, 77}) {
+            auto x = awkwardBlock(n);
+            if (n > 70) x[70] = inf, x[76] = -nan;   // in the vector part and in the tail
+            std::vector<float> expect = x;
+            int bad = 0;
+            for (float& v : expect)
+                if (!std::isfinite(v)) v = 0.0f, ++bad;
+            EXPECT_EQ(BlockMath::silenceNonFinite(x.data(), n), bad) << n;
+            EXPECT_EQ(x, expect) << n;
+            EXPECT_EQ(BlockMath::silenceNonFinite(x.data(), n), 0) << "a clean block is left alone";
+        }
+    }
+    CpuDispatch::setPortableOnly(false);
 }
 
 TEST(Limiter, VectorBlockPathIsTheScalarLawSampleForSample) {

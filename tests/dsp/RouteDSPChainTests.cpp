@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "core/dsp/RouteDSPChain.hpp"
@@ -169,25 +170,31 @@ TEST(RouteDSPChain, ChannelBackFromSilenceStartsFromClearedFilterState) {
     EXPECT_TRUE(differs) << "one silent block is not enough to count as inactive";
 }
 
-TEST(RouteDSPChain, NonFiniteInputNeverReachesTheOutputAndTheChainRecovers) {
-    RouteDSPChain chain(2, 48000);
-    chain.customEQ().setGain(6, 3);
-    HeadphoneProfile p;
-    p.filters = {{Shape::peaking, 500, 3, 1}};
-    chain.correctionEQ().loadProfile(p);
-    auto x = test::interleavedSine(250, 48000, 0.1, 256, 2);
+// A NaN or infinity in the input used to clear every filter's memory at the end of its block (a
+// click), and nothing said it had happened.
+TEST(RouteDSPChain, NonFiniteInputIsPlayedAsSilenceAndCounted) {
+    const auto chainWithStages = [] {
+        auto chain = std::make_unique<RouteDSPChain>(2, 48000);
+        chain->customEQ().setGain(6, 3);
+        HeadphoneProfile p;
+        p.filters = {{Shape::peaking, 500, 3, 1}};
+        chain->correctionEQ().loadProfile(p);
+        return chain;
+    };
+    auto faulty = chainWithStages(), silent = chainWithStages();
+    auto x = test::interleavedSine(250, 48000, 0.1, 4096, 2), zeroed = x;
     x[40] = std::numeric_limits<float>::quiet_NaN();
     x[41] = std::numeric_limits<float>::infinity();
-    chain.processInterleaved(x.data(), 256);
-    for (float v : x) ASSERT_TRUE(std::isfinite(v));
+    x[8000] = -std::numeric_limits<float>::infinity();
+    zeroed[40] = zeroed[41] = zeroed[8000] = 0.0f;
+    run(*faulty, x, 4096, 256);
+    run(*silent, zeroed, 4096, 256);
+    EXPECT_EQ(x, zeroed) << "the same as silence in their place, filter memory and all";
+    EXPECT_EQ(faulty->nonFiniteInputSampleCount(), 3u);
+    EXPECT_EQ(silent->nonFiniteInputSampleCount(), 0u);
 
-    RouteDSPChain clean(2, 48000);
-    clean.customEQ().setGain(6, 3);
-    clean.correctionEQ().loadProfile(p);
-    auto a = test::interleavedSine(250, 48000, 0.1, 4096, 2), b = a;
-    chain.processInterleaved(a.data(), 4096);
-    clean.processInterleaved(b.data(), 4096);
-    EXPECT_EQ(a, b) << "the block after the fault runs from cleared state";
+    EXPECT_EQ(faulty->process(std::numeric_limits<double>::quiet_NaN()), silent->process(0.0));
+    EXPECT_EQ(faulty->nonFiniteInputSampleCount(), 4u);
 }
 
 TEST(RouteDSPChain, HeadroomFallsFastUnderOwnBoostsNeverBelowTheFloorAndRecoversSlowly) {

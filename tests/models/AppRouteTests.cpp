@@ -123,6 +123,14 @@ TEST(AppRouteJSON, ForgivingKeysFallBackToDefaultsOnAnyError) {
               (std::vector<std::vector<double>>{{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, {0.5, 0, 0, -1}, {}}));
     j["channelEQDeltasDb"] = json::parse(R"([[1, 2], [3, "x"]])");
     EXPECT_TRUE(decode(j).channelEQDeltasDb.empty());
+
+    // A saved route keeps filters no reader would accept today: its chain leaves them out and
+    // says so, rather than the route (or the whole desk) being refused for one value.
+    j["importedParametricFilters"] = json::array({{{"shape", "peaking"}, {"frequencyHz", 0}, {"gainDb", 3}, {"q", 0}}});
+    j["importedParametricPreampDb"] = 90;
+    EXPECT_EQ(decode(j).importedParametricFilters,
+              (std::vector<ParametricFilterSpec>{{ParametricFilterSpec::Shape::peaking, 0, 3, 0}}));
+    EXPECT_EQ(decode(j).importedParametricPreampDb, 90);
 }
 
 TEST(AppRouteDerived, ChannelGainsClampAndMissingEntriesAreNeutral) {

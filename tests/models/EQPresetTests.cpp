@@ -1,3 +1,8 @@
+#include <functional>
+#include <limits>
+#include <string>
+#include <utility>
+
 #include <gtest/gtest.h>
 
 #include "core/io/JsonCodecs.hpp"
@@ -27,6 +32,48 @@ TEST(EQPresetJSON, RoundTripsAndOlderPresetsWithoutParametricKeysLoad) {
     json missing = written;
     missing.erase("outputTrimDb");
     EXPECT_ANY_THROW(missing.get<EQPreset>());
+}
+
+// Values no filter can be built from used to load and then drive the cascade unstable, or leave
+// a route silent; they are refused naming the value, never quietly dropped.
+TEST(ParametricValuesJSON, PresetsAndProfilesRefuseValuesNoFilterCanBeBuiltFrom) {
+    const EQPreset p = EQPreset::imported(
+        ImportedEQ{"x", -6, {{ParametricFilterSpec::Shape::peaking, 1000, 3, 1}}}, Date{700000000});
+    const auto refusal = [](const json& j, auto type) -> std::string {
+        try {
+            (void)j.get<decltype(type)>();
+            return "accepted";
+        } catch (const ValueRangeError& e) {
+            return e.what();
+        }
+    };
+    const std::pair<std::function<void(json&)>, std::string> damaged[] = {
+        {[](json& j) { j["parametricFilters"][0]["frequencyHz"] = 0.0; }, "a filter's frequency 0 Hz is not above 0 Hz"},
+        {[](json& j) { j["parametricFilters"][0]["frequencyHz"] = -100.0; }, "a filter's frequency -100 Hz is not above 0 Hz"},
+        {[](json& j) { j["parametricFilters"][0]["q"] = 0.0; }, "a filter's Q 0 is not above 0"},
+        {[](json& j) { j["parametricFilters"][0]["gainDb"] = 400.0; }, "a filter's gain 400 dB is beyond ±30 dB"},
+        {[](json& j) { j["parametricFilters"][0]["gainDb"] = std::numeric_limits<double>::infinity(); }, "a filter's gain inf dB is not a finite number"},
+        {[](json& j) { j["parametricPreampDb"] = 1e308; }, "preamp 1e+308 dB is beyond ±30 dB"},
+        {[](json& j) { j["bandGains"][3] = -31.0; }, "a band gain -31 dB is beyond ±30 dB"},
+        {[](json& j) { j["outputTrimDb"] = 45.0; }, "an output trim 45 dB is beyond ±30 dB"},
+    };
+    for (const auto& [damage, message] : damaged) {
+        json j = p;
+        damage(j);
+        EXPECT_EQ(refusal(j, EQPreset{}), message);
+    }
+
+    HeadphoneProfile profile;
+    profile.id = "x";
+    profile.preampDb = -3;
+    profile.filters = p.parametricFilters;
+    json j = profile;
+    EXPECT_EQ(j.get<HeadphoneProfile>(), profile);
+    j["preampDb"] = -40.0;
+    EXPECT_EQ(refusal(j, HeadphoneProfile{}), "preamp -40 dB is beyond ±30 dB");
+    j = profile;
+    j["filters"][0]["q"] = -1.0;
+    EXPECT_EQ(refusal(j, HeadphoneProfile{}), "a filter's Q -1 is not above 0");
 }
 
 } // namespace

@@ -75,5 +75,24 @@ TEST(PreferencesStore, FailedWriteKeepsThePreviousDocument) {
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"Tarn.big.v1.json"}); // no temporary file left
 }
 
+// A document the desk did not write (a huge file dropped in the folder, a device) is refused by
+// its size, naming the file, before it is read into memory.
+TEST(PreferencesStore, DocumentsPastTheSizeLimitAreRefusedNamingTheFile) {
+    test::TemporaryDirectory dir;
+    PreferencesStore store(dir.path());
+    const fs::path huge = store.pathFor("Tarn.savedPresets.v1");
+    test::writeText(huge, "[]");
+    fs::resize_file(huge, PreferencesStore::maxDocumentBytes + 1);   // sparse: costs no disk
+    try {
+        store.data("Tarn.savedPresets.v1");
+        ADD_FAILURE() << "read a document past the limit";
+    } catch (const PreferencesStore::Error& e) {
+        EXPECT_NE(std::string(e.what()).find(huge.string() + ": 268435457 bytes is larger than 256 MiB"), std::string::npos) << e.what();
+    }
+    // A link to nowhere is no document, as before.
+    fs::create_symlink(dir / "nowhere", store.pathFor("Tarn.routesState.v1"));
+    EXPECT_FALSE(store.data("Tarn.routesState.v1"));
+}
+
 } // namespace
 } // namespace tarn

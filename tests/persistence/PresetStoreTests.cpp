@@ -62,5 +62,18 @@ TEST(PresetStore, OneBrokenPresetEmptiesTheStoreWithoutLosingTheFile) {
     EXPECT_EQ(dir.entries().size(), 2u);
 }
 
+// Nesting is the input's to choose: a million open brackets must neither crash the reader nor
+// lose the file.
+TEST(PresetStore, DeeplyNestedDocumentIsAProblemNotACrash) {
+    test::TemporaryDirectory dir;
+    PreferencesStore prefs(dir.path());
+    const std::string nested = std::string(1000000, '[') + std::string(1000000, ']');
+    prefs.setData(PresetStore::key, nested);
+    PresetStore store(prefs);
+    EXPECT_TRUE(store.presets().empty());
+    EXPECT_TRUE(store.loadProblem());
+    EXPECT_EQ(prefs.data(PresetStore::key), nested);
+}
+
 } // namespace
 } // namespace tarn

@@ -1,6 +1,8 @@
 #include <cmath>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -148,6 +150,39 @@ TEST_F(AudioFileDecoderTest, SeekingLandsOnTheAskedFrameExactlyForLosslessFilesA
         EXPECT_EQ(decoder.read(window.data(), 2048), 0) << name << ": past the end is the end";
         decoder.seek(0);
         EXPECT_EQ(decoder.read(window.data(), 2048), 2048) << name << ": and back to the start";
+    }
+}
+
+// A compressed file cut short used to decode to its end without a word.
+TEST_F(AudioFileDecoderTest, AFileCutShortSaysSoOnceItIsOver) {
+    const auto whole = dir / "whole.flac";
+    test::writeSoundFile(whole, test::sineWave(440, 0.3, 48000, 2, 48000 * 4), SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    const std::string bytes = test::readText(whole);
+    const auto cut = test::writeText(dir / "cut.flac", bytes.substr(0, bytes.size() / 2));
+
+    AudioFileDecoder decoder(cut);
+    std::vector<float> buffer(4096 * 2);
+    EXPECT_GT(decoder.read(buffer.data(), 4096), 0);
+    EXPECT_FALSE(decoder.shortfall()) << "not before the end";
+    while (decoder.read(buffer.data(), 4096) > 0) {}
+    const auto message = decoder.shortfall();
+    ASSERT_TRUE(message);
+    EXPECT_NE(message->find(cut.string() + ": the audio ends after "), std::string::npos) << *message;
+    EXPECT_NE(message->find("of the 4.0 s its header announces"), std::string::npos) << *message;
+
+    AudioFileDecoder complete(whole);
+    while (complete.read(buffer.data(), 4096) > 0) {}
+    EXPECT_FALSE(complete.shortfall());
+
+    // Encoder padding is not a shortfall; a lossy file cut short is.
+    if (!test::hasProgram("ffmpeg")) return;
+    ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-y", "-i", whole.string(), (dir / "whole.mp3").string()}).exitCode, 0);
+    const std::string mp3 = test::readText(dir / "whole.mp3");
+    const auto cutMp3 = test::writeText(dir / "cut.mp3", mp3.substr(0, mp3.size() * 3 / 4));
+    for (const auto& [file, isShort] : {std::pair{dir / "whole.mp3", false}, std::pair{cutMp3, true}}) {
+        AudioFileDecoder lossy(file);
+        while (lossy.read(buffer.data(), 4096) > 0) {}
+        EXPECT_EQ(lossy.shortfall().has_value(), isShort) << file;
     }
 }
 

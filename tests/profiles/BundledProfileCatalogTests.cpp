@@ -267,6 +267,8 @@ TEST(BundledProfileCatalogLoading, ReportsAMissingOrDamagedCatalogueClearly) {
     expectError(BundledProfileCatalog(write("twice.json", json{{"profiles", {profile, profile}}}.dump())), "twice");
     profile["wearStyle"] = "headband";
     expectError(BundledProfileCatalog(write("badstyle.json", json{{"profiles", {profile}}}.dump())), "profile 1");
+    // Not a catalogue at all: refused by size before it is read.
+    expectError(BundledProfileCatalog("/dev/zero"), "/dev/zero: larger than 64 MiB");
 
     // A failed load is tried again once the file is there.
     const fs::path later = dir / "later.json";

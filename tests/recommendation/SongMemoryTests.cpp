@@ -188,12 +188,19 @@ TEST(SongMemoryStore, ClassifiesHealth) {
 
     const std::function<void(SongMemory&)> damages[] = {
         [](SongMemory& b) { b.timeline->push_back(0); }, // not whole seconds
-        [](SongMemory& b) { b.genre = std::string(41, 'x'); }, [](SongMemory& b) { b.playCount = 0; }};
+        [](SongMemory& b) { b.genre = std::string(41, 'x'); }, [](SongMemory& b) { b.playCount = 0; },
+        // A play dated years ahead would never count as idle.
+        [](SongMemory& b) { b.lastPlayedAt = Date{Date::now().secondsSinceReferenceDate + 3 * 365 * 86400.0}; },
+        [](SongMemory& b) { b.lastPlayedAt = Date{1e300}; }};
     for (std::size_t i = 0; i < std::size(damages); ++i) {
         auto broken = m;
         damages[i](broken);
         EXPECT_EQ(SongMemoryStore::classify(broken), SongMemoryHealth::broken) << "damage " << i;
     }
+    // A clock a few minutes ahead of this one is not damage.
+    auto ahead = m;
+    ahead.lastPlayedAt = Date{Date::now().secondsSinceReferenceDate + 600};
+    EXPECT_EQ(SongMemoryStore::classify(ahead), SongMemoryHealth::healthy);
 }
 
 TEST(SongMemoryStore, DamagedEntriesLoadAsBrokenAndSweepRemovesThem) {

@@ -48,6 +48,12 @@ TEST(RouteListModel, RowsCarryTheRoutesAndKeepTheirPlaceWhenOnlyValuesChange) {
     EXPECT_EQ(model.data(a, RouteListModel::MessageRole).toString(), "");
     EXPECT_EQ(model.data(b, RouteListModel::MessageRole).toString(), "source app stopped");
     EXPECT_EQ(model.data(b, RouteListModel::DeviceRole).toString(), "headphones");
+    // What the chain leaves out at its rate shows on the row unless a start failure says more.
+    RouteListModel noticed;
+    noticed.setRoutes(routes(R"([{"id": "A", "lastStartError": null, "chainNotice": "2 filter settings cannot run"},
+                                 {"id": "B", "lastStartError": "app not running", "chainNotice": "2 filter settings"}])"));
+    EXPECT_EQ(noticed.data(noticed.index(0), RouteListModel::MessageRole).toString(), "2 filter settings cannot run");
+    EXPECT_EQ(noticed.data(noticed.index(1), RouteListModel::MessageRole).toString(), "app not running");
     EXPECT_EQ(model.data(b, RouteListModel::ModeRole).toString(), "auto");
     EXPECT_EQ(model.indexOf("B"), 1);
     EXPECT_EQ(model.indexOf("C"), -1);

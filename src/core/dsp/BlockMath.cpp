@@ -78,12 +78,28 @@ inline __attribute__((always_inline)) float peakBody(const float* samples, int c
     return result;
 }
 
+// A clean block (the usual case) is only read; the rare faulty one is then cleaned in a second pass.
+inline __attribute__((always_inline)) int silenceNonFiniteBody(float* samples, int count) {
+    IVec bad{};
+    int i = 0;
+    for (; i + width <= count; i += width) bad -= ((IVec)loadVec(samples + i) & 0x7fffffff) > 0x7f7fffff;
+    int found = 0;
+    for (int k = 0; k < width; ++k) found += bad[k];
+    for (; i < count; ++i) found += !std::isfinite(samples[i]);
+    if (found == 0) return 0;
+    for (i = 0; i < count; ++i)
+        if (!std::isfinite(samples[i])) samples[i] = 0.0f;
+    return found;
+}
+
 void channelPeaksPortable(const float* s, int f, int c, float* p) { channelPeaksBody(s, f, c, p); }
 TARN_TARGET_AVX2 void channelPeaksAvx2(const float* s, int f, int c, float* p) { channelPeaksBody(s, f, c, p); }
 float scaleAndPeakPortable(float* s, int n, float a, float b) { return scaleAndPeakBody(s, n, a, b); }
 TARN_TARGET_AVX2 float scaleAndPeakAvx2(float* s, int n, float a, float b) { return scaleAndPeakBody(s, n, a, b); }
 float peakPortable(const float* s, int n) { return peakBody(s, n); }
 TARN_TARGET_AVX2 float peakAvx2(const float* s, int n) { return peakBody(s, n); }
+int silenceNonFinitePortable(float* s, int n) { return silenceNonFiniteBody(s, n); }
+TARN_TARGET_AVX2 int silenceNonFiniteAvx2(float* s, int n) { return silenceNonFiniteBody(s, n); }
 } // namespace
 
 void channelPeaks(const float* samples, int frameCount, int channels, float* peaks) {
@@ -98,6 +114,10 @@ float scaleAndPeak(float* samples, int count, float preGain, float postGain) {
 
 float peak(const float* samples, int count) {
     return CpuDispatch::hasAvx2() ? peakAvx2(samples, count) : peakPortable(samples, count);
+}
+
+int silenceNonFinite(float* samples, int count) {
+    return CpuDispatch::hasAvx2() ? silenceNonFiniteAvx2(samples, count) : silenceNonFinitePortable(samples, count);
 }
 
 } // namespace tarn::BlockMath

@@ -16,6 +16,9 @@ float scaleAndPeak(float* samples, int count, float preGain, float postGain);
 // Largest finite |x|.
 float peak(const float* samples, int count);
 
+// Replaces every NaN and infinity by 0; returns how many there were.
+int silenceNonFinite(float* samples, int count);
+
 } // namespace BlockMath
 
 } // namespace tarn

@@ -110,6 +110,7 @@ void RouteDSPChain::recomputeSafetyCeiling() {
         correctionEQ_->runningSections(),
         userParametricEQ_->runningSections(),
     };
+    leftOutSectionCount_.store(stages[0].leftOutCount + stages[1].leftOutCount + stages[2].leftOutCount);
     const double estimate =
         OutputSafetyCeiling::estimatedPeakGainDb(routeGainDb_, outputTrimDb_ + outputMakeupDb, stages);
     estimatedPeakGainDb_.store(estimate);
@@ -231,6 +232,11 @@ void RouteDSPChain::processInterleaved(float* samples, int frameCount) {
     rtPreviousScalarGain_ = scalarGain;
     rtScalarGainPrimed_ = true;
 
+    // A NaN or infinity from the application is played as silence (and counted): passed on, it
+    // would clear every filter's memory at the end of the block and click.
+    if (const int nonFinite = BlockMath::silenceNonFinite(samples, n))
+        nonFiniteInputSamples_.fetch_add(std::uint64_t(nonFinite), std::memory_order_relaxed);
+
     BlockMath::channelPeaks(samples, frameCount, c, channelPeaks_.data());
     float inputPeak = 0.0f;
     for (float p : channelPeaks_) inputPeak = std::max(inputPeak, p);
@@ -344,7 +350,14 @@ bool RouteDSPChain::runStagesVectorised(float* samples, int frameCount, const Te
     return true;
 }
 
+double RouteDSPChain::sanitisedInput(double x) {
+    if (std::isfinite(x)) return x;
+    nonFiniteInputSamples_.fetch_add(1, std::memory_order_relaxed);
+    return 0.0;
+}
+
 double RouteDSPChain::process(double x) {
+    x = sanitisedInput(x);
     if (isMuted()) {
         inputMeter_.update(0.0);
         outputMeter_.update(0.0);
@@ -361,6 +374,8 @@ double RouteDSPChain::process(double x) {
 }
 
 std::pair<double, double> RouteDSPChain::processStereo(double left, double right) {
+    left = sanitisedInput(left);
+    right = sanitisedInput(right);
     if (isMuted()) {
         inputMeter_.update(0.0);
         outputMeter_.update(0.0);

@@ -92,6 +92,13 @@ public:
     double headroomGain() const { return publishedHeadroomGain_.load(std::memory_order_acquire); }
     // True when the last block took the pass-through shortcut (left untouched).
     bool wasPassthrough() const { return wasPassthroughAtomic_.load(std::memory_order_acquire); }
+    // Sections of the running stages that cannot run at this rate and are left out (see
+    // StageSections): the route shows the count, so a correction that is partly missing at a
+    // low rate (a headset in call mode) is never a silent change.
+    int leftOutSectionCount() const { return leftOutSectionCount_.load(std::memory_order_acquire); }
+    // Input samples that were not finite numbers (NaN, infinity), played as silence, since the
+    // chain was made.
+    std::uint64_t nonFiniteInputSampleCount() const { return nonFiniteInputSamples_.load(std::memory_order_relaxed); }
     int channelCount() const { return channelCount_; }
     double sampleRate() const { return sampleRate_; }
 
@@ -120,6 +127,7 @@ public:
     std::pair<double, double> processStereo(double left, double right);
 
 private:
+    double sanitisedInput(double x);
     void publishScalarGains(const ScalarGains& gains);
     // True (and `out` filled) when one attempt read a whole set.
     bool tryReadScalarGains(ScalarGains& out) const;
@@ -151,6 +159,8 @@ private:
     std::atomic<bool> mutedAtomic_{false};
     bool safetyCeilingEnabled_ = true;
     std::atomic<double> estimatedPeakGainDb_{0.0};
+    std::atomic<int> leftOutSectionCount_{0};
+    std::atomic<std::uint64_t> nonFiniteInputSamples_{0};
     // ScalarGains behind a sequence lock: odd while the writer is mid-set.
     std::atomic<std::uint32_t> scalarGainsVersion_{0};
     std::atomic<std::uint64_t> routeGainBits_, outputTrimBits_, ceilingAttenuationBits_;

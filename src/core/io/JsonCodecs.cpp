@@ -105,17 +105,52 @@ std::map<std::string, int> counts(const json& j, const char* what) {
     return out;
 }
 
-// Forgiving keys: any error while reading the value is discarded and the default kept.
+// Forgiving keys: any error while reading the value is discarded and the default kept, except a
+// value out of range, which is a mistake to report rather than a shape to outgrow.
 template <typename F>
 void forgiving(const json& object, const char* key, F&& read) {
     auto it = object.find(key);
     if (it == object.end()) return;
     try {
         read(*it);
+    } catch (const ValueRangeError&) {
+        throw;
     } catch (const DecodingError&) {
     } catch (const json::exception&) {
     }
 }
+
+// A filter as stored, without the range check.
+ParametricFilterSpec uncheckedFilter(const json& j) {
+    ParametricFilterSpec f;
+    f.shape = rawEnum<ParametricFilterSpec::Shape>(member(j, "shape"), "filter shape", parametricShapeFromString);
+    f.frequencyHz = number(member(j, "frequencyHz"), "a filter frequency");
+    f.gainDb = number(member(j, "gainDb"), "a filter gain");
+    f.q = number(member(j, "q"), "a filter Q");
+    return f;
+}
+
+std::vector<ParametricFilterSpec> uncheckedFilters(const json& j, const char* what) {
+    if (!j.is_array()) throw DecodingError(fmt::format("{} must be a list", what));
+    std::vector<ParametricFilterSpec> out;
+    out.reserve(j.size());
+    for (const auto& v : j) out.push_back(uncheckedFilter(v));
+    return out;
+}
+
+double checkedPreamp(const json& j, const char* what) {
+    const double db = number(j, what);
+    if (auto problem = ParametricFilterSpec::preampProblem(db)) throw ValueRangeError(*problem);
+    return db;
+}
+
+double checkedGain(const json& j, const char* what) {
+    const double db = number(j, what);
+    if (auto problem = ParametricFilterSpec::gainProblem(what, db)) throw ValueRangeError(*problem);
+    return db;
+}
+
+HeadphoneProfile decodeProfile(const json& j, bool checkValues);
 
 } // namespace
 
@@ -164,10 +199,9 @@ void to_json(json& j, const ParametricFilterSpec& f) {
              {"q", f.q}};
 }
 void from_json(const json& j, ParametricFilterSpec& f) {
-    f.shape = rawEnum<ParametricFilterSpec::Shape>(member(j, "shape"), "filter shape", parametricShapeFromString);
-    f.frequencyHz = number(member(j, "frequencyHz"), "a filter frequency");
-    f.gainDb = number(member(j, "gainDb"), "a filter gain");
-    f.q = number(member(j, "q"), "a filter Q");
+    const ParametricFilterSpec read = uncheckedFilter(j);
+    if (auto problem = read.valueProblem()) throw ValueRangeError("a filter's " + *problem);
+    f = read;
 }
 
 void to_json(json& j, const EQBandState& b) {
@@ -200,21 +234,28 @@ void to_json(json& j, const HeadphoneProfile& p) {
     j["isFeatured"] = p.isFeatured;
 }
 
-void from_json(const json& j, HeadphoneProfile& p) {
+void from_json(const json& j, HeadphoneProfile& p) { p = decodeProfile(j, true); }
+
+namespace {
+
+HeadphoneProfile decodeProfile(const json& j, bool checkValues) {
     HeadphoneProfile out;
     out.id = jsonread::string(member(j, "id"), "a profile id");
     out.modelName = jsonread::string(member(j, "modelName"), "a model name");
     out.sourceProject = jsonread::string(member(j, "sourceProject"), "a source project");
     if (auto* v = present(j, "measurementProvider")) out.measurementProvider = jsonread::string(*v, "a measurement provider");
     out.type = rawEnum<HeadphoneProfile::ProfileType>(member(j, "type"), "profile type", profileTypeFromString);
-    out.preampDb = number(member(j, "preampDb"), "a preamp");
-    out.filters = records<ParametricFilterSpec>(member(j, "filters"), "filters");
+    out.preampDb = checkValues ? checkedPreamp(member(j, "preampDb"), "a preamp") : number(member(j, "preampDb"), "a preamp");
+    out.filters = checkValues ? records<ParametricFilterSpec>(member(j, "filters"), "filters")
+                              : uncheckedFilters(member(j, "filters"), "filters");
     if (auto* v = present(j, "sourceURL")) out.sourceURL = jsonread::string(*v, "a source URL");
     if (auto* v = present(j, "downloadTimestamp")) out.downloadTimestamp = v->get<Date>();
     if (auto* v = present(j, "wearStyle")) out.wearStyle = v->get<HeadphoneWearStyle>();
     out.isFeatured = boolean(member(j, "isFeatured"), "isFeatured");
-    p = std::move(out);
+    return out;
 }
+
+} // namespace
 
 void to_json(json& j, const AppRoute& r) {
     j = json::object();
@@ -305,7 +346,7 @@ void from_json(const json& j, AppRoute& route) {
     if (auto* v = present(j, "importedProfileName")) r.importedProfileName = jsonread::string(*v, "importedProfileName");
 
     // Keys added over time, or whose stored shape may have changed: never fail the route.
-    forgiving(j, "correctionProfileSnapshot", [&](const json& v) { r.correctionProfileSnapshot = v.get<HeadphoneProfile>(); });
+    forgiving(j, "correctionProfileSnapshot", [&](const json& v) { r.correctionProfileSnapshot = decodeProfile(v, false); });
     forgiving(j, "effectiveOutputChannelCount",
               [&](const json& v) { r.effectiveOutputChannelCount = int32(v, "effectiveOutputChannelCount"); });
     forgiving(j, "effectiveOutputLayoutDescription", [&](const json& v) {
@@ -313,7 +354,7 @@ void from_json(const json& j, AppRoute& route) {
     });
     forgiving(j, "lastCaptureMode", [&](const json& v) { r.lastCaptureMode = v.get<RouteCaptureMode>(); });
     forgiving(j, "importedParametricFilters", [&](const json& v) {
-        r.importedParametricFilters = records<ParametricFilterSpec>(v, "importedParametricFilters");
+        r.importedParametricFilters = uncheckedFilters(v, "importedParametricFilters");
     });
     forgiving(j, "importedParametricPreampDb",
               [&](const json& v) { r.importedParametricPreampDb = number(v, "importedParametricPreampDb"); });
@@ -354,13 +395,15 @@ void from_json(const json& j, EQPreset& preset) {
     p.id = member(j, "id").get<UUID>();
     p.name = jsonread::string(member(j, "name"), "a preset name");
     p.createdAt = member(j, "createdAt").get<Date>();
-    p.bandGains = numbers(member(j, "bandGains"), "bandGains");
+    const json& bandGains = member(j, "bandGains");
+    if (!bandGains.is_array()) throw DecodingError("bandGains must be a list of numbers");
+    for (const auto& gain : bandGains) p.bandGains.push_back(checkedGain(gain, "a band gain"));
     p.selectedGenre = member(j, "selectedGenre").get<GenrePreset>();
     if (auto* v = present(j, "correctionProfileID")) p.correctionProfileID = jsonread::string(*v, "correctionProfileID");
-    p.outputTrimDb = number(member(j, "outputTrimDb"), "outputTrimDb");
+    p.outputTrimDb = checkedGain(member(j, "outputTrimDb"), "an output trim");
     forgiving(j, "parametricFilters",
               [&](const json& v) { p.parametricFilters = records<ParametricFilterSpec>(v, "parametricFilters"); });
-    forgiving(j, "parametricPreampDb", [&](const json& v) { p.parametricPreampDb = number(v, "parametricPreampDb"); });
+    forgiving(j, "parametricPreampDb", [&](const json& v) { p.parametricPreampDb = checkedPreamp(v, "parametricPreampDb"); });
     preset = std::move(p);
 }
 

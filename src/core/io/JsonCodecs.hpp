@@ -37,6 +37,13 @@ struct DecodingError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A value that reads but that no filter can be built from (a frequency or Q not above 0, a gain
+// or preamp beyond ±30 dB, a number that is not finite). Keys that otherwise fall back to a
+// default on a decoding error let this one through: the value is the user's mistake to hear of.
+struct ValueRangeError : DecodingError {
+    using DecodingError::DecodingError;
+};
+
 // Strict readers shared by every codec; `what` names the value in the error message.
 namespace jsonread {
 const nlohmann::json& member(const nlohmann::json& object, const char* key); // throws when missing
@@ -71,6 +78,7 @@ void from_json(const nlohmann::json& j, RouteHealth& h);
 void to_json(nlohmann::json& j, const RecommendationScope& s);
 void from_json(const nlohmann::json& j, RecommendationScope& s);
 
+// Refuses, with ValueRangeError naming the value, what ParametricFilterSpec::valueProblem names.
 void to_json(nlohmann::json& j, const ParametricFilterSpec& f);
 void from_json(const nlohmann::json& j, ParametricFilterSpec& f);
 
@@ -80,6 +88,7 @@ void from_json(const nlohmann::json& j, EQBandState& b);
 void to_json(nlohmann::json& j, const HeadphoneWearStyle& s);
 void from_json(const nlohmann::json& j, HeadphoneWearStyle& s);
 
+// The preamp and every filter are range-checked (ValueRangeError).
 void to_json(nlohmann::json& j, const HeadphoneProfile& p);
 void from_json(const nlohmann::json& j, HeadphoneProfile& p);
 
@@ -87,11 +96,15 @@ void from_json(const nlohmann::json& j, HeadphoneProfile& p);
 // target, "correctionProfileID", "health" and "importedProfileName" default when missing but
 // fail when malformed; every other key falls back to its default on any error. The AI Tune
 // vectors must hold exactly ten entries, and per-channel deltas are cut to ten finite values.
+// The filters a route carries are the desk's own record and are not range-checked here: the
+// chain leaves out a section it cannot run, and the route shows it, rather than a whole saved
+// desk being refused for one value.
 void to_json(nlohmann::json& j, const AppRoute& r);
 void from_json(const nlohmann::json& j, AppRoute& r);
 
-// "parametricFilters" and "parametricPreampDb" fall back to none and 0; every other key except
-// the optional "correctionProfileID" is required.
+// "parametricFilters" and "parametricPreampDb" fall back to none and 0 when missing or of the
+// wrong type, but a value out of range fails the preset (ValueRangeError); every other key
+// except the optional "correctionProfileID" is required.
 void to_json(nlohmann::json& j, const EQPreset& p);
 void from_json(const nlohmann::json& j, EQPreset& p);
 

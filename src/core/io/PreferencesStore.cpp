@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include "core/io/BoundedFileReader.hpp"
 #include "core/models/UUID.hpp"
 
 namespace tarn {
@@ -111,23 +112,12 @@ fs::path PreferencesStore::pathFor(std::string_view key) const {
 
 std::optional<std::string> PreferencesStore::data(std::string_view key) const {
     const fs::path path = pathFor(key);
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        if (errno == ENOENT) return std::nullopt;
-        throw Error(fmt::format("cannot read {}: {}", path.string(), errnoText(errno)));
+    try {
+        return BoundedFileReader::read(path, maxDocumentBytes, "a preferences document");
+    } catch (const BoundedFileReader::Error& e) {
+        if (e.errorNumber() == ENOENT) return std::nullopt;
+        throw Error(e.what());
     }
-    std::string bytes;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            throw Error(fmt::format("cannot read {}: {}", path.string(), errnoText(errno)));
-        }
-        if (n == 0) break;
-        bytes.append(buffer, static_cast<std::size_t>(n));
-    }
-    return bytes;
 }
 
 void PreferencesStore::setData(std::string_view key, std::string_view bytes) {

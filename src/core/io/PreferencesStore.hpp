@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -30,8 +31,12 @@ public:
     const std::filesystem::path& directory() const { return directory_; }
     std::filesystem::path pathFor(std::string_view key) const;
 
-    // The stored bytes, or none when nothing is stored under the key. Throws Error when the
-    // file exists but cannot be read.
+    // No document the desk writes comes near this (song memory at full capacity is tens of
+    // megabytes); a larger file is not one of them and is not read into memory.
+    static constexpr std::size_t maxDocumentBytes = std::size_t(256) << 20;
+
+    // The stored bytes, or none when nothing is stored under the key. Throws Error (naming the
+    // file) when the file exists but cannot be read or is larger than maxDocumentBytes.
     std::optional<std::string> data(std::string_view key) const;
 
     // Replaces the document atomically, creating the folder when needed. Throws Error (naming

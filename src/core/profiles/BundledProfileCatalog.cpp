@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <unordered_map>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "core/io/BoundedFileReader.hpp"
 #include "core/io/JsonCodecs.hpp"
 #include "core/profiles/SearchText.hpp"
 
@@ -17,6 +16,9 @@ namespace tarn {
 namespace fs = std::filesystem;
 
 namespace {
+
+// The shipped catalogue is about 1.5 MB; room to grow tenfold and more, not to read anything.
+constexpr std::size_t maxCatalogueBytes = std::size_t(64) << 20;
 
 // Makers whose name is more than one word; any other maker is the first word of the model name.
 // Every measurement source spells its makers this way, so one list serves them all.
@@ -146,16 +148,17 @@ struct BundledProfileCatalog::Index {
 };
 
 std::unique_ptr<const BundledProfileCatalog::Index> BundledProfileCatalog::Index::load(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw LoadError(fmt::format("cannot open the headphone catalogue {}", file.string()));
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw LoadError(fmt::format("cannot read the headphone catalogue {}", file.string()));
+    std::string text;
+    try {
+        text = BoundedFileReader::read(file, maxCatalogueBytes, "the headphone catalogue");
+    } catch (const BoundedFileReader::Error& e) {
+        throw LoadError(fmt::format("cannot read the headphone catalogue: {}", e.what()));
+    }
 
     auto index = std::make_unique<Index>();
     index->file = file;
     try {
-        const auto document = nlohmann::json::parse(text.str());
+        const auto document = nlohmann::json::parse(text);
         const auto& list = jsonread::member(document, "profiles");
         if (!list.is_array()) throw DecodingError("\"profiles\" must be a list");
         if (auto it = document.find("source"); it != document.end() && it->is_string()) index->source = it->get<std::string>();

@@ -334,13 +334,14 @@ void SongMemoryStore::removeMemories(const std::set<std::string>& keys) {
     if (removed) scheduleSave();
 }
 
-SongMemoryHealth SongMemoryStore::classify(const SongMemory& m) {
+SongMemoryHealth SongMemoryStore::classify(const SongMemory& m, Date now) {
     const bool wellFormed =
         allFinite(m.profileDb, SongMemory::bandCount) && allFinite(m.curveDb, SongMemory::bandCount) &&
         (!m.timeline || (m.timeline->size() % SongMemory::bandCount == 0 &&
                          m.timeline->size() <= std::size_t(maxTimelineSeconds) * SongMemory::bandCount)) &&
         (!m.genre || characterCount(*m.genre) <= maxGenreLength) && m.playCount >= 1 &&
         std::isfinite(m.lastPlayedAt.secondsSinceReferenceDate) &&
+        m.lastPlayedAt.secondsSinceReferenceDate <= now.secondsSinceReferenceDate + maxFuturePlaySeconds &&
         (!m.expectedDurationSeconds || (std::isfinite(*m.expectedDurationSeconds) && *m.expectedDurationSeconds > 0));
     if (!wellFormed) return SongMemoryHealth::broken;
     return m.isSufficientlyCovered() ? SongMemoryHealth::healthy : SongMemoryHealth::incomplete;
@@ -349,19 +350,21 @@ SongMemoryHealth SongMemoryStore::classify(const SongMemory& m) {
 std::map<std::string, SongMemoryHealth> SongMemoryStore::audit() const {
     std::lock_guard lock(mutex_);
     std::map<std::string, SongMemoryHealth> out;
-    for (const auto& [key, memory] : cache_) out[key] = classify(memory);
+    const Date now = Date::now();
+    for (const auto& [key, memory] : cache_) out[key] = classify(memory, now);
     return out;
 }
 
 SongMemorySweepReport SongMemoryStore::sweep(bool removeBroken, std::optional<Date> removeIncompleteIdleBefore,
                                              const std::set<std::string>& protecting) {
     SongMemorySweepReport report;
+    const Date now = Date::now();
     {
         std::lock_guard lock(mutex_);
         for (auto it = cache_.begin(); it != cache_.end();) {
             const bool isProtected = protecting.contains(it->first);
             bool remove = false;
-            switch (classify(it->second)) {
+            switch (classify(it->second, now)) {
             case SongMemoryHealth::healthy: ++report.healthyKept; break;
             case SongMemoryHealth::broken:
                 remove = removeBroken && !isProtected;

@@ -63,7 +63,12 @@ public:
     int maxEntries() const { return maxEntries_; }
     const std::filesystem::path& fileURL() const { return fileURL_; }
 
-    static SongMemoryHealth classify(const SongMemory& memory);
+    // A play dated more than this after now is a damaged date, not a clock a little ahead: left
+    // healthy, it would never count as idle and would outlive every other memory.
+    static constexpr double maxFuturePlaySeconds = 86400.0;
+
+    static SongMemoryHealth classify(const SongMemory& memory) { return classify(memory, Date::now()); }
+    static SongMemoryHealth classify(const SongMemory& memory, Date now);
     // Health of every memory, by key.
     std::map<std::string, SongMemoryHealth> audit() const;
     // Removes broken memories (when asked) and incomplete ones last played before the given date;
