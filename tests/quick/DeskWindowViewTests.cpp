@@ -213,6 +213,24 @@ TEST_F(DeskView, TheDeckBarShowsWhatPlaysAndItsControlsReachTheDeck) {
     ASSERT_TRUE(seek);
     EXPECT_NEAR(seek->arguments.value(0).toDouble(), 150.0, 12.0) << "three quarters into 200 s";
     EXPECT_EQ(fake->count("DeckSeek"), 1) << "one seek for one drag";
+
+    // The queue: the first entry dragged by its handle below the second moves it there.
+    QObject* queue = nullptr;
+    for (QObject* o : window->findChildren<QObject*>())
+        if (o->metaObject()->indexOfMethod("open()") >= 0 && o->property("width").toInt() == 420) queue = o;
+    ASSERT_TRUE(queue);
+    QMetaObject::invokeMethod(queue, "open");
+    ASSERT_TRUE(eventually([&] { return items("queueHandle").size() == 2; }));
+    QQuickItem* handle = items("queueHandle").front();
+    QQuickItem* entry = items("queueEntry").front();
+    const QPointF from = handle->mapToScene(QPointF(handle->width() / 2, handle->height() / 2));
+    const QPointF to = from + QPointF(0, entry->height() * 1.1);
+    QTest::mousePress(window, Qt::LeftButton, {}, from.toPoint());
+    for (int i = 1; i <= 10; ++i) QTest::mouseMove(window, (from + (to - from) * (i / 10.0)).toPoint(), 5);
+    QTest::mouseRelease(window, Qt::LeftButton, {}, to.toPoint(), 5);
+    const auto moved = awaitCall("DeckMove");
+    ASSERT_TRUE(moved);
+    EXPECT_EQ(moved->arguments, (QVariantList{0, 1}));
 }
 
 TEST_F(DeskView, EveryDialogOpensWithoutAWarning) {

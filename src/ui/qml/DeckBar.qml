@@ -123,10 +123,39 @@ Pane {
             anchors.fill: parent
             clip: true
             model: bar.queue
+            // Scrolled with its bar: a drag on the list reorders instead of flicking.
+            interactive: false
+            ScrollBar.vertical: ScrollBar { policy: ScrollBar.AsNeeded; interactive: true }
             delegate: ItemDelegate {
+                id: entry
+                objectName: "queueEntry"
                 width: queueList.width
                 highlighted: index === bar.deck.trackIndex
+                leftPadding: 30
                 text: (index + 1) + ".  " + modelData.name
+                // Dragged by its handle: it follows the pointer and lands where it is let go.
+                z: reorder.active ? 1 : 0
+                transform: Translate { y: reorder.active ? reorder.translation.y : 0 }
+                Label {
+                    objectName: "queueHandle"
+                    anchors.left: parent.left
+                    anchors.leftMargin: 8
+                    anchors.verticalCenter: parent.verticalCenter
+                    text: "≡"
+                    DragHandler {
+                        id: reorder
+                        target: null
+                        yAxis.enabled: true
+                        xAxis.enabled: false
+                        // The handle's drag reorders; the list must not take it for a flick.
+                        grabPermissions: PointerHandler.CanTakeOverFromAnything
+                        onActiveChanged: {
+                            if (active) return
+                            const to = Math.max(0, Math.min(bar.queue.length - 1, index + Math.round(translation.y / entry.height)))
+                            if (to !== index) desk.deckMove(index, to)
+                        }
+                    }
+                }
                 Accessible.name: qsTr("Play %1").arg(modelData.name)
                 onClicked: desk.deckPlay(index)
                 ToolButton {
