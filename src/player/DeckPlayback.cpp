@@ -305,9 +305,31 @@ bool DeckPlayback::play(std::optional<int> index) {
         start = index ? std::clamp(*index, 0, int(queue_.size()) - 1) : order_.front();
     }
     if (!load(start, 0.0)) return false;
+    if (outputRate_ == 0 && !graphRateAsked_) {
+        // Before the first sound: the server's graph rate, so that a file of another rate is
+        // converted from its first frame instead of playing at the wrong speed for a moment.
+        learnGraphRate();
+        if (outputRate_ != 0 && outputRate_ != sampleRate_ && !load(start, 0.0)) return false;
+    }
     startWorker();
     startOutput();
     return true;
+}
+
+// Runs the output on an empty ring (silence) until the server reports the graph's rate, a few
+// cycles at most; a platform that never says is asked once.
+void DeckPlayback::learnGraphRate() {
+    graphRateAsked_ = true;
+    ring_->reset();
+    startOutput();
+    const auto until = std::chrono::steady_clock::now() + graphRateWait;
+    std::optional<double> rate;
+    while (!(rate = renderer_->graphRate()) && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    stopOutput();
+    renderer_.reset();
+    state_ = State::stopped;
+    if (rate && *rate > 0) outputRate_ = int(*rate);
 }
 
 void DeckPlayback::pause() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -55,6 +56,8 @@ public:
     static constexpr int decodeBlockFrames = 4096;
     // Decoded before the output starts, so the first cycles never run dry.
     static constexpr int prefillFrames = 8192;
+    // How long the first play waits for the server to say its graph's rate.
+    static constexpr std::chrono::milliseconds graphRateWait{250};
     // Previous within this much of a track's start goes to the track before; later, to its start.
     static constexpr double previousRestartsAfterSeconds = 3.0;
 
@@ -111,6 +114,7 @@ private:
     // Room the ring needs for one decoded block once resampled.
     std::int64_t blockRoom() const;
     void restartAt(int index, double seconds);
+    void learnGraphRate();
     void startWorker();
     void stopWorker();
     void startOutput();
@@ -136,6 +140,7 @@ private:
     int fileRate_ = 0;     // the rate of the file being decoded (the worker's while it runs)
     // The graph's rate once the server has said it; until then the first file's.
     int outputRate_ = 0;
+    bool graphRateAsked_ = false;
     std::shared_ptr<RouteDSPChain> chain_;
     std::shared_ptr<AudioRingBuffer> ring_;
     std::unique_ptr<AudioOutputRenderer> renderer_;
