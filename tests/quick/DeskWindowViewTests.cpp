@@ -1,6 +1,8 @@
 // The desk window as a person uses it, offscreen, against a fake desk: what a drag, a key or a
 // click sends, and what the window shows when the desk's state changes.
 
+#include <QDropEvent>
+#include <QMimeData>
 #include <QQuickItem>
 #include <QTest>
 
@@ -231,6 +233,23 @@ TEST_F(DeskView, TheDeckBarShowsWhatPlaysAndItsControlsReachTheDeck) {
     const auto moved = awaitCall("DeckMove");
     ASSERT_TRUE(moved);
     EXPECT_EQ(moved->arguments, (QVariantList{0, 1}));
+}
+
+TEST_F(DeskView, FilesDroppedOnTheWindowGoToTheDecksQueue) {
+    QMimeData files;
+    files.setUrls({QUrl::fromLocalFile("/music/a.flac"), QUrl::fromLocalFile("/music/b.mp3")});
+    const QPoint at(640, 400);
+    QDragEnterEvent enter(at, Qt::CopyAction, &files, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &enter);
+    QDragMoveEvent move(at, Qt::CopyAction, &files, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &move);
+    QDropEvent drop(at, Qt::CopyAction, &files, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &drop);
+    const auto opened = awaitCall("DeckOpen");
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(opened->arguments.value(0).toStringList(), (QStringList{"/music/a.flac", "/music/b.mp3"}));
+    EXPECT_FALSE(opened->arguments.value(1).toBool()) << "an empty deck takes them as its queue";
+    EXPECT_TRUE(awaitCall("DeckPlay")) << "and plays them";
 }
 
 TEST_F(DeskView, EveryDialogOpensWithoutAWarning) {
