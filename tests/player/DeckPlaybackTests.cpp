@@ -1,5 +1,6 @@
 // The deck's playback against the simulated sound server: what reaches the device, measured.
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <fstream>
@@ -191,6 +192,25 @@ TEST_F(DeckPlaybackTest, AFileAtAnotherRateThanTheGraphIsResampledToItAndKeepsIt
     EXPECT_GT(test::toneAmplitude(out, 0, 1000, begin + 48000, 24000), level * 0.9);
     EXPECT_LT(test::toneAmplitude(out, 0, 1088, begin + 48000, 24000), level * 0.1);
     EXPECT_GT(test::toneAmplitude(out, 0, 1000, out.frameCount() - 60000, 24000), level * 0.9) << "and the 48 kHz track after it";
+}
+
+TEST_F(DeckPlaybackTest, ShufflePlaysEveryEntryOnceARound) {
+    std::vector<std::filesystem::path> files;
+    for (int i = 0; i < 5; ++i) files.push_back(write("t" + std::to_string(i) + ".wav", sineSlice(300 + 100 * i, 0, 9600)));
+    deck.setShuffle(true);
+    deck.setQueue(files);
+    ASSERT_TRUE(deck.play());
+    std::vector<int> heard;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (deck.status().state != DeckPlayback::State::stopped && std::chrono::steady_clock::now() < until) {
+        deck.poll();
+        const int now = deck.status().trackIndex;
+        if (now >= 0 && (heard.empty() || heard.back() != now)) heard.push_back(now);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    std::vector<int> sorted = heard;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(sorted, (std::vector<int>{0, 1, 2, 3, 4})) << "each entry once, none twice, none left out";
 }
 
 TEST_F(DeckPlaybackTest, NextPreviousAndRepeatMoveThroughTheQueue) {
