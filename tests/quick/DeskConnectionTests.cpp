@@ -21,16 +21,7 @@
 namespace tarn::test {
 namespace {
 
-bool eventually(const std::function<bool()>& condition, int ms = 5000) {
-    QDeadlineTimer deadline(ms);
-    QTimer tick;
-    tick.start(10);
-    while (!condition()) {
-        if (deadline.hasExpired()) return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
-    }
-    return true;
-}
+bool eventually(const std::function<bool()>& condition, int ms = 5000) { return pumpUntil(condition, ms); }
 
 class Connection : public ::testing::Test {
 protected:

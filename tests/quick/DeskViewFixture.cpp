@@ -81,7 +81,7 @@ void DeskView::TearDown() {
     qInstallMessageHandler(nullptr);
 }
 
-bool DeskView::eventually(const std::function<bool()>& condition, int ms) {
+bool pumpUntil(const std::function<bool()>& condition, int ms) {
     QDeadlineTimer deadline(ms);
     QTimer tick;
     tick.start(10);

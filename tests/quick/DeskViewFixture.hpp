@@ -25,6 +25,8 @@ struct RouteFields {
     bool muted = false;
 };
 QString routeJSON(const RouteFields& route);
+// Runs the event loop until the condition holds; false when it never does.
+bool pumpUntil(const std::function<bool()>& condition, int ms = 5000);
 QString routesJSON(const std::vector<RouteFields>& routes);
 
 // The desk window, offscreen, talking to a fake desk on a private bus.
@@ -37,8 +39,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Runs the event loop until the condition holds; false when it never does.
-    static bool eventually(const std::function<bool()>& condition, int ms = 5000);
+    static bool eventually(const std::function<bool()>& condition, int ms = 5000) { return pumpUntil(condition, ms); }
     // The first visible item of that object name in the window (popups included).
     QQuickItem* item(const QString& objectName) const;
     QList<QQuickItem*> items(const QString& objectName) const;
